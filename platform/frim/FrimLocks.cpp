@@ -1,0 +1,195 @@
+// The raw mutex, the reader-writer locks, the condition variable and the
+// acquire steps of the once-only holder.
+#include <pthread.h>
+#include <sched.h>
+#include <time.h>
+
+#include <cerrno>
+#include <string>
+#include <system_error>
+
+#include "RWMutexLock.h"
+#include "Synch.h"
+
+namespace {
+std::atomic<RWMutexLock::tCheckHook> gCheckHook{nullptr};
+
+std::string gSystemText(int code) { return std::generic_category().message(code); }
+}  // namespace
+
+void RWMutexLock::setCheckHook(tCheckHook hook) noexcept { gCheckHook.store(hook, std::memory_order_release); }
+void RWMutexLock::callCheckHook() {
+  if (tCheckHook hook = gCheckHook.load(std::memory_order_acquire)) hook();
+}
+
+RWMutexLock::~RWMutexLock() {
+  if (mState.load(std::memory_order_acquire) != 0) pthread_mutex_destroy(&mMutex);
+  mState.store(0, std::memory_order_release);
+}
+
+void RWMutexLock::ensure() {
+  for (;;) {
+    int state = mState.load(std::memory_order_acquire);
+    if (state == 2) return;
+    if (state == 0 && mState.compare_exchange_strong(state, 1, std::memory_order_acq_rel)) {
+      pthread_mutexattr_t attributes;
+      pthread_mutexattr_init(&attributes);
+      pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+      int rc = pthread_mutex_init(&mMutex, &attributes);
+      pthread_mutexattr_destroy(&attributes);
+      if (rc != 0) {
+        mState.store(0, std::memory_order_release);
+        throw RWTHRInternalError("RWMutexLock::init - CreateMutex() - " + gSystemText(rc));
+      }
+      mState.store(2, std::memory_order_release);
+      return;
+    }
+    sched_yield();
+  }
+}
+
+void RWMutexLock::acquire() {
+  callCheckHook();
+  ensure();
+  int rc = pthread_mutex_lock(&mMutex);
+  if (rc != 0) throw RWTHRInternalError("RWMutexLock::acquire - WaitForSingleObject() - " + gSystemText(rc));
+}
+
+int RWMutexLock::acquire(unsigned long milliseconds) {
+  callCheckHook();
+  ensure();
+  timespec until{};
+  clock_gettime(CLOCK_MONOTONIC, &until);
+  until.tv_sec += static_cast<time_t>(milliseconds / 1000);
+  until.tv_nsec += static_cast<long>(milliseconds % 1000) * 1000000L;
+  if (until.tv_nsec >= 1000000000L) {
+    until.tv_sec += 1;
+    until.tv_nsec -= 1000000000L;
+  }
+  int rc = pthread_mutex_clocklock(&mMutex, CLOCK_MONOTONIC, &until);
+  if (rc == 0) return 1;
+  if (rc == ETIMEDOUT) return 0;
+  throw RWTHRInternalError("RWMutexLock::acquire - WaitForSingleObject() - " + gSystemText(rc));
+}
+
+bool RWMutexLock::tryAcquire() {
+  callCheckHook();
+  ensure();
+  int rc = pthread_mutex_trylock(&mMutex);
+  if (rc == 0) return true;
+  if (rc == EBUSY) return false;
+  throw RWTHRInternalError(std::string("RWMutexLock::tryAcquire - ") + "WaitForSingleObject() - " + gSystemText(rc));
+}
+
+void RWMutexLock::release() {
+  ensure();
+  int rc = pthread_mutex_unlock(&mMutex);
+  if (rc != 0) throw RWTHRInternalError("RWMutexLock::release - ReleaseMutex() - " + gSystemText(rc));
+}
+
+namespace nParallel {
+
+namespace nOnce {
+
+bool cInitHolder::fInitAcquireErased(void (*call)(void*), void* context, int spinCount) {
+  for (;;) {
+    int expected = kNotStarted;
+    if (mState.compare_exchange_strong(expected, kRunning, std::memory_order_acq_rel, std::memory_order_acquire)) {
+      try {
+        call(context);
+      } catch (...) {
+        // A failed init leaves the holder open for the next caller.
+        mState.store(kNotStarted, std::memory_order_release);
+        mState.notify_all();
+        throw;
+      }
+      mState.store(0, std::memory_order_release);
+      mState.notify_all();
+      return true;
+    }
+    if (expected >= 0) return false;
+    for (int i = 0; i < spinCount && mState.load(std::memory_order_acquire) == kRunning; ++i) sched_yield();
+    while ((expected = mState.load(std::memory_order_acquire)) == kRunning) {
+      mState.wait(kRunning, std::memory_order_acquire);
+    }
+    if (expected >= 0) return false;
+  }
+}
+
+void cInitHolder::fWaitAcquire(std::atomic<int> const& seen, int spinCount) const {
+  for (int i = 0; i < spinCount && seen.load(std::memory_order_acquire) < 0; ++i) sched_yield();
+  int state;
+  while ((state = seen.load(std::memory_order_acquire)) < 0) seen.wait(state, std::memory_order_acquire);
+}
+
+}  // namespace nOnce
+
+namespace nImplementation_sho {
+
+cReadersWriter::cReadersWriter() = default;
+cReadersWriter::~cReadersWriter() = default;
+void cReadersWriter::fReadAcquire() { mLock.lock_shared(); }
+void cReadersWriter::fReadRelease() { mLock.unlock_shared(); }
+void cReadersWriter::fWriteAcquire() { mLock.lock(); }
+void cReadersWriter::fWriteRelease() { mLock.unlock(); }
+
+cReadersFixer::cReadersFixer() = default;
+cReadersFixer::~cReadersFixer() = default;
+void cReadersFixer::fReadAcquire() { mReaders.lock_shared(); }
+void cReadersFixer::fReadRelease() { mReaders.unlock_shared(); }
+
+bool cReadersFixer::fFixAcquireOrWait() {
+  {
+    std::unique_lock lock(mFixMutex);
+    if (mFixing) {
+      mFixDone.wait(lock, [this] { return !mFixing; });
+      return false;
+    }
+    mFixing = true;
+  }
+  mReaders.lock();
+  return true;
+}
+
+void cReadersFixer::fFixRelease() {
+  mReaders.unlock();
+  {
+    std::lock_guard lock(mFixMutex);
+    mFixing = false;
+  }
+  mFixDone.notify_all();
+}
+
+void cReadersFixer::fWaitFix() {
+  std::unique_lock lock(mFixMutex);
+  mFixDone.wait(lock, [this] { return !mFixing; });
+}
+
+bool cReadersFixer::fWaitFix(nTime::cDiff limit) {
+  std::unique_lock lock(mFixMutex);
+  return mFixDone.wait_for(lock, limit.fChrono(), [this] { return !mFixing; });
+}
+
+cCondvar::cCondvar() = default;
+cCondvar::~cCondvar() = default;
+void cCondvar::fWait(cMutex& mutex) { mCondition.wait(mutex.fGetRaw()); }
+bool cCondvar::fWait(cMutex& mutex, nTime::cDiff limit) {
+  return mCondition.wait_for(mutex.fGetRaw(), limit.fChrono()) == std::cv_status::no_timeout;
+}
+void cCondvar::fSignal() { mCondition.notify_one(); }
+void cCondvar::fBroadcast() { mCondition.notify_all(); }
+
+cMutex::~cMutex() = default;
+
+ecOptional<nTime::cDiff, nTime::zDiffEmpty> cBlockLimitExp_debug::vOperatorCall() {
+  if (mFirst.fNanoseconds() <= 0) return nTime::zDiffEmpty{};
+  // Each call allows twice the previous one, never more than the ceiling.
+  std::int64_t allowed = mFirst.fNanoseconds();
+  for (std::int32_t i = 0; i < mCalls && allowed < mCeiling.fNanoseconds(); ++i) allowed *= 2;
+  if (mCeiling.fNanoseconds() > 0 && allowed > mCeiling.fNanoseconds()) allowed = mCeiling.fNanoseconds();
+  ++mCalls;
+  return nTime::cDiff::gNanoseconds(allowed);
+}
+
+}  // namespace nImplementation_sho
+}  // namespace nParallel

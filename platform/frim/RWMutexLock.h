@@ -1,0 +1,118 @@
+// RWMutexLock: the toolkit's plain mutex, over a recursive pthread mutex so
+// that a re-acquire by the owner does not block, as the family's code expects.
+// The system mutex is made on first use by a single compare-and-swap with a
+// spin, so an RWMutexLock can be a static object used before constructors run.
+//
+// RWTRecursiveLock<Mutex>: counts the owner's re-entries itself and refuses a
+// release by any thread but the owner.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+
+#include "CorvanthExport.h"
+#include "FrimThread.h"
+#include "rwthrerr.h"
+
+class CORVANTH_EXPORT RWMutexLock {
+ public:
+  using tCheckHook = void (*)();
+
+  constexpr RWMutexLock() noexcept {}
+  ~RWMutexLock();
+  RWMutexLock(RWMutexLock const&) = delete;
+  RWMutexLock& operator=(RWMutexLock const&) = delete;
+
+  void acquire();
+  // 1 when the mutex was got within the limit, 0 when the limit ran out.
+  int acquire(unsigned long milliseconds);
+  bool tryAcquire();
+  void release();
+
+  // BasicLockable, for the condition variables.
+  void lock() { acquire(); }
+  void unlock() { release(); }
+
+  // Called at the start of every acquire of every mutex (tests watch waits with it).
+  static void setCheckHook(tCheckHook hook) noexcept;
+  static void callCheckHook();
+
+  // 0 not made, 1 being made, 2 made.
+  int initState() const noexcept { return mState.load(std::memory_order_acquire); }
+
+ private:
+  void ensure();
+  pthread_mutex_t mMutex{};
+  std::atomic<int> mState{0};
+};
+
+template <class Mutex>
+class RWTRecursiveLock {
+ public:
+  constexpr RWTRecursiveLock() noexcept = default;
+  RWTRecursiveLock(RWTRecursiveLock const&) = delete;
+  RWTRecursiveLock& operator=(RWTRecursiveLock const&) = delete;
+
+  void acquire() {
+    RWMutexLock::callCheckHook();
+    if (isOwner()) {
+      ++mCount;
+      return;
+    }
+    mMutex.acquire();
+    setOwner();
+  }
+
+  int acquire(unsigned long milliseconds) {
+    RWMutexLock::callCheckHook();
+    if (isOwner()) {
+      ++mCount;
+      return 1;
+    }
+    int result = mMutex.acquire(milliseconds);
+    if (result == 1) setOwner();
+    return result;
+  }
+
+  bool tryAcquire() {
+    RWMutexLock::callCheckHook();
+    if (isOwner()) {
+      ++mCount;
+      return true;
+    }
+    if (!mMutex.tryAcquire()) return false;
+    setOwner();
+    return true;
+  }
+
+  void release() {
+    if (!isOwner()) throw RWTHRIllegalUsage("RWTRecursiveLock::release - Not owner");
+    if (mCount >= 1) {
+      --mCount;
+      return;
+    }
+    mOwnerValid.store(false, std::memory_order_relaxed);
+    mOwnerId.store(0, std::memory_order_relaxed);
+    mMutex.release();
+  }
+
+  bool isOwner() const noexcept {
+    // Only the owner can find its own id here, so relaxed loads suffice.
+    return mOwnerValid.load(std::memory_order_relaxed) &&
+           mOwnerId.load(std::memory_order_relaxed) == GetCurrentThreadId();
+  }
+  unsigned reentries() const noexcept { return mCount; }
+
+ private:
+  void setOwner() noexcept {
+    mOwnerId.store(GetCurrentThreadId(), std::memory_order_relaxed);
+    mOwnerValid.store(true, std::memory_order_relaxed);
+    mCount = 0;
+  }
+
+  Mutex mMutex;
+  std::atomic<long> mOwnerId{0};
+  std::atomic<bool> mOwnerValid{false};
+  unsigned mCount = 0;
+};
