@@ -1,0 +1,5 @@
+#include "CorvanthVersion.h"
+
+namespace nCorvanth {
+char const* gVersion() noexcept { return CORVANTH_VERSION_TEXT; }
+}  // namespace nCorvanth
