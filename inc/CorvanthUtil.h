@@ -5,15 +5,24 @@
 #include "CorvanthVersion.h"
 
 // foundation
+#include "DebugSection.h"
+#include "FirstZ0.h"
 #include "FrimCoreError.h"
 #include "FrimException.h"
+#include "FrimLifetime.h"
 #include "FrimLog.h"
 #include "FrimString.h"
 #include "FrimThread.h"
 #include "FrimTime.h"
+#include "Lifetime.h"
 #include "Log.dec.h"
+#include "LogBuild.h"
+#include "Placer.h"
+#include "RWMutexLock.h"
+#include "Sptr.h"
 #include "Static.h"
 #include "Synch.h"
+#include "Tag.dec.h"
 
 // containers
 #include "rwthrerr.h"
