@@ -81,9 +81,12 @@ class ecStaticInstance {
   }
 
   void fDestruct() {
+    bool const built = fState() == tInstanceState::eConstructed;
     fReportUnless(tInstanceState::eConstructed, 2);
     fSet(tInstanceState::eInDestruction);
-    std::launder(reinterpret_cast<T*>(mPayload))->~T();
+    // The check lets the work go on, but a payload that was never built (or
+    // is already gone) is not destroyed a second time.
+    if (built) std::launder(reinterpret_cast<T*>(mPayload))->~T();
     fReportUnless(tInstanceState::eInDestruction, 3);
     fSet(tInstanceState::eDestructed);
   }
