@@ -11,23 +11,18 @@
 #include "RWMutexLock.h"
 #include "Synch.h"
 
-namespace {
-std::atomic<RWMutexLock::tCheckHook> gCheckHook{nullptr};
-
-std::string gSystemText(int code) { return std::generic_category().message(code); }
-}  // namespace
-
-void RWMutexLock::setCheckHook(tCheckHook hook) noexcept { gCheckHook.store(hook, std::memory_order_release); }
-void RWMutexLock::callCheckHook() {
-  if (tCheckHook hook = gCheckHook.load(std::memory_order_acquire)) hook();
-}
+std::atomic<RWMutexLock::tCheckHook> RWMutexLock::sCheckHook{nullptr};
 
 RWMutexLock::~RWMutexLock() {
   if (mState.load(std::memory_order_acquire) != 0) pthread_mutex_destroy(&mMutex);
   mState.store(0, std::memory_order_release);
 }
 
-void RWMutexLock::ensure() {
+void RWMutexLock::fail(char const* what, int code) {
+  throw RWTHRInternalError(what + std::generic_category().message(code));
+}
+
+void RWMutexLock::make() {
   for (;;) {
     int state = mState.load(std::memory_order_acquire);
     if (state == 2) return;
@@ -39,20 +34,13 @@ void RWMutexLock::ensure() {
       pthread_mutexattr_destroy(&attributes);
       if (rc != 0) {
         mState.store(0, std::memory_order_release);
-        throw RWTHRInternalError("RWMutexLock::init - CreateMutex() - " + gSystemText(rc));
+        fail("RWMutexLock::init - CreateMutex() - ", rc);
       }
       mState.store(2, std::memory_order_release);
       return;
     }
     sched_yield();
   }
-}
-
-void RWMutexLock::acquire() {
-  callCheckHook();
-  ensure();
-  int rc = pthread_mutex_lock(&mMutex);
-  if (rc != 0) throw RWTHRInternalError("RWMutexLock::acquire - WaitForSingleObject() - " + gSystemText(rc));
 }
 
 int RWMutexLock::acquire(unsigned long milliseconds) {
@@ -68,23 +56,8 @@ int RWMutexLock::acquire(unsigned long milliseconds) {
   }
   int rc = pthread_mutex_clocklock(&mMutex, CLOCK_MONOTONIC, &until);
   if (rc == 0) return 1;
-  if (rc == ETIMEDOUT) return 0;
-  throw RWTHRInternalError("RWMutexLock::acquire - WaitForSingleObject() - " + gSystemText(rc));
-}
-
-bool RWMutexLock::tryAcquire() {
-  callCheckHook();
-  ensure();
-  int rc = pthread_mutex_trylock(&mMutex);
-  if (rc == 0) return true;
-  if (rc == EBUSY) return false;
-  throw RWTHRInternalError(std::string("RWMutexLock::tryAcquire - ") + "WaitForSingleObject() - " + gSystemText(rc));
-}
-
-void RWMutexLock::release() {
-  ensure();
-  int rc = pthread_mutex_unlock(&mMutex);
-  if (rc != 0) throw RWTHRInternalError("RWMutexLock::release - ReleaseMutex() - " + gSystemText(rc));
+  if (rc != ETIMEDOUT) fail("RWMutexLock::acquire - WaitForSingleObject() - ", rc);
+  return 0;
 }
 
 namespace nParallel {

@@ -10,9 +10,9 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cerrno>
 
 #include "CorvanthExport.h"
-#include "FrimThread.h"
 #include "rwthrerr.h"
 
 class CORVANTH_EXPORT RWMutexLock {
@@ -24,25 +24,47 @@ class CORVANTH_EXPORT RWMutexLock {
   RWMutexLock(RWMutexLock const&) = delete;
   RWMutexLock& operator=(RWMutexLock const&) = delete;
 
-  void acquire();
+  void acquire() {
+    callCheckHook();
+    ensure();
+    if (int rc = pthread_mutex_lock(&mMutex); rc != 0) fail("RWMutexLock::acquire - WaitForSingleObject() - ", rc);
+  }
   // 1 when the mutex was got within the limit, 0 when the limit ran out.
   int acquire(unsigned long milliseconds);
-  bool tryAcquire();
-  void release();
+  bool tryAcquire() {
+    callCheckHook();
+    ensure();
+    int rc = pthread_mutex_trylock(&mMutex);
+    if (rc == 0) return true;
+    if (rc != EBUSY) fail("RWMutexLock::tryAcquire - WaitForSingleObject() - ", rc);
+    return false;
+  }
+  void release() {
+    ensure();
+    if (int rc = pthread_mutex_unlock(&mMutex); rc != 0) fail("RWMutexLock::release - ReleaseMutex() - ", rc);
+  }
 
   // BasicLockable, for the condition variables.
   void lock() { acquire(); }
   void unlock() { release(); }
 
   // Called at the start of every acquire of every mutex (tests watch waits with it).
-  static void setCheckHook(tCheckHook hook) noexcept;
-  static void callCheckHook();
+  static void setCheckHook(tCheckHook hook) noexcept { sCheckHook.store(hook, std::memory_order_release); }
+  static void callCheckHook() {
+    if (tCheckHook hook = sCheckHook.load(std::memory_order_acquire)) hook();
+  }
 
   // 0 not made, 1 being made, 2 made.
   int initState() const noexcept { return mState.load(std::memory_order_acquire); }
 
  private:
-  void ensure();
+  void ensure() {
+    if (mState.load(std::memory_order_acquire) != 2) make();
+  }
+  void make();
+  [[noreturn]] static void fail(char const* what, int code);
+
+  static std::atomic<tCheckHook> sCheckHook;
   pthread_mutex_t mMutex{};
   std::atomic<int> mState{0};
 };
@@ -100,19 +122,20 @@ class RWTRecursiveLock {
   bool isOwner() const noexcept {
     // Only the owner can find its own id here, so relaxed loads suffice.
     return mOwnerValid.load(std::memory_order_relaxed) &&
-           mOwnerId.load(std::memory_order_relaxed) == GetCurrentThreadId();
+           mOwnerId.load(std::memory_order_relaxed) == pthread_self();
   }
   unsigned reentries() const noexcept { return mCount; }
 
  private:
   void setOwner() noexcept {
-    mOwnerId.store(GetCurrentThreadId(), std::memory_order_relaxed);
+    mOwnerId.store(pthread_self(), std::memory_order_relaxed);
     mOwnerValid.store(true, std::memory_order_relaxed);
     mCount = 0;
   }
 
   Mutex mMutex;
-  std::atomic<long> mOwnerId{0};
+  // The owner's pthread_t: cheaper to read than the kernel thread id.
+  std::atomic<pthread_t> mOwnerId{0};
   std::atomic<bool> mOwnerValid{false};
   unsigned mCount = 0;
 };
