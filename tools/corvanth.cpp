@@ -33,6 +33,8 @@ int gUsage(FILE* out) {
 }
 
 int gLogDemo() {
+  // Every tag to standard output, and nothing twice through the default target.
+  nLog::gDetachTarget(nLog::gDefaultTarget());
   nLog::cDescriptorTarget out(1);
   if (!nLog::gAttachTarget(out, "all")) return 1;
   CORVANTH_LOG(nLog::nBasic::sErrorTag_, "corvanth", "an error record");

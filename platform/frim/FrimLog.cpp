@@ -107,6 +107,8 @@ class cTagRegistry {
     fDetachLocked(target);
   }
 
+  iTargetUnit& fDefault() { return *mDefault; }
+
   void fDeliver(iTagControlled const& tag, cRecord const& record) {
     std::lock_guard lock(mMutex);
     for (iTargetUnit* target : tag.mTargets) target->fCommit(record);
@@ -237,6 +239,7 @@ bool gAttachTarget(iTargetUnit& target, std::string_view selection) {
   return cTagRegistry::gGet().fAttach(target, selection);
 }
 void gDetachTarget(iTargetUnit& target) { cTagRegistry::gGet().fDetach(target); }
+iTargetUnit& gDefaultTarget() { return cTagRegistry::gGet().fDefault(); }
 
 iTagControlled::iTagControlled(char const* name, long recursionLimit, cTargetGroup const& group)
     : mName(name), mRecursionLimit(recursionLimit), mGroup(&group) {}

@@ -134,6 +134,8 @@ class CORVANTH_EXPORT cCaptureTarget : public iTargetUnit {
 // False, and nothing attached, if an item names no tag or group.
 CORVANTH_EXPORT bool gAttachTarget(iTargetUnit& target, std::string_view selection);
 CORVANTH_EXPORT void gDetachTarget(iTargetUnit& target);
+// The target that CORVANTH_LOG and CORVANTH_LOG_FILE set up at start.
+CORVANTH_EXPORT iTargetUnit& gDefaultTarget();
 
 // The kind of a statement decides what fThrow does with it.
 enum class tStatementKind { eLog, eAssertion, eIllegalUsage };

@@ -2,9 +2,11 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -239,6 +241,35 @@ TEST(LogFacility, FileTargetAppendsWholeLines) {
   EXPECT_EQ(a.substr(a.size() - 4), "\tone");
   EXPECT_EQ(b.substr(b.size() - 4), "\ttwo");
   std::remove(path.c_str());
+}
+
+// Runs the probe with the given environment and gives the tag column of
+// each line it wrote to its log file.
+std::vector<std::string> gProbeTags(std::string const& selection) {
+  std::string path = ::testing::TempDir() + "corvanth_probe_log.txt";
+  std::remove(path.c_str());
+  std::string command = "CORVANTH_LOG='" + selection + "' CORVANTH_LOG_FILE='" + path + "' " LOG_ENV_PROBE;
+  if (selection == "<unset>") command = "env -u CORVANTH_LOG CORVANTH_LOG_FILE='" + path + "' " LOG_ENV_PROBE;
+  EXPECT_EQ(std::system(command.c_str()), 0) << command;
+  std::vector<std::string> tags;
+  std::ifstream in(path);
+  for (std::string line; std::getline(in, line);) {
+    std::size_t a = 0;
+    for (int i = 0; i < 3; ++i) a = line.find('\t', a) + 1;
+    tags.push_back(line.substr(a, line.find('\t', a) - a));
+  }
+  std::remove(path.c_str());
+  return tags;
+}
+
+TEST(LogFacility, EnvironmentChoosesTheDefaultTargetsTags) {
+  using tTags = std::vector<std::string>;
+  EXPECT_EQ(gProbeTags("<unset>"), (tTags{"Error", "ErrorPerformance", "Warning", "WarningPerformance"}));
+  EXPECT_EQ(gProbeTags("none"), tTags{});
+  EXPECT_EQ(gProbeTags("warnings, TRACE,corvantht"), (tTags{"Warning", "WarningPerformance", "Trace", "CorvanthT"}));
+  EXPECT_EQ(gProbeTags("all").size(), 9u);
+  // An unknown name falls back to the default, with a core report on stderr.
+  EXPECT_EQ(gProbeTags("nonsense").size(), 4u);
 }
 
 }  // namespace
