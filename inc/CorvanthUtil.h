@@ -24,6 +24,11 @@
 #include "Synch.h"
 #include "Tag.dec.h"
 
+// messages
+#include "Nvspackmsg.h"
+#include "netmsg.h"
+#include "packmsg.h"
+
 // containers
 #include "rwthrerr.h"
 #include "rwxmsg.h"
