@@ -1,0 +1,111 @@
+// CAssociativeArray: the product's parameter bag, a dictionary from text keys
+// to byte-string values. Numbers are stored as their text ("%d", "%.40e") and
+// list elements as keys with the index appended ("Speed3").
+//
+// String form, the one textual key/value format of the product:
+//   count, then for each couple a key token and a value token, then one blank;
+//   a token is " '<length> " followed by exactly <length> raw bytes.
+//   a=1, bc=xy  ->  "2 '1 a '1 1 '2 bc '2 xy "      (couples in table order)
+//   empty       ->  " "                               (no count: the reader refuses it)
+// The reader skips one byte after each token's bytes without looking at it,
+// and ignores everything after the last couple.
+//
+// Ownership: the array owns its key and value objects through a count of
+// holders, so a shallow copy and the original may both be destroyed safely.
+// Pointers handed out stay valid until that key's value is replaced, until the
+// array is destroyed, and across one Reset (until the next Reset or the end).
+// One array belongs to one thread at a time; const getters write too.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "CorvanthExport.h"
+#include "FrimString.h"
+#include "rwcstring.h"
+#include "rwhashdict.h"
+
+// Tag of the moving constructor; it carries no data.
+struct zc_move__deprecate {};
+template <class T>
+struct _typer_c {};
+
+class CORVANTH_EXPORT CAssociativeArray : public RWHashDictionary {
+ public:
+  explicit CAssociativeArray(int capacity = 11);
+  // Shallow: new associations to the same key and value objects.
+  CAssociativeArray(CAssociativeArray const& other);
+  // Takes over the couples of source, which is left empty.
+  CAssociativeArray(_typer_c<zc_move__deprecate> const& tag, CAssociativeArray* source);
+  CAssociativeArray& operator=(CAssociativeArray const& other);
+  ~CAssociativeArray() override;
+
+  // Adding replaces the value of a key that is present.
+  void AddCouple(char const* key, char const* value);
+  void AddCouple(char const* key, char const* value, int length);
+  void AddCouple(char const* key, cStringCoeImpl const& value);
+  void AddCouple(char const* key, long value);
+  void AddCouple(char const* key, double value);
+  void AddArrayCouple(char const* name, char const* value, int index);
+  void AddArrayCouple(char const* name, long value, int index);
+  void AddArrayCouple(char const* name, double value, int index);
+
+  // Raising getters throw CAssoKeyDoesNotExistException for an absent key.
+  char const* GetValueOfParameter(char const* key) const;
+  char const* GetValueOfParameter(char const* key, char const* defaultValue) const;
+  void GetValueOfParameter(char const* key, char const*& value, int& length) const;
+  RWCString* GetStringValueOfParameter(char const* key) const;
+  // With encode true, escapes the stored value in place: bytes below 32 or
+  // above 126, backslash and double quote become "%xx", and "%" doubles.
+  RWCString* GetValueOfParameterAndDecodeIf(char const* key, bool encode) const;
+  char const* operator[](char const* key) const;
+  long GetInt32ValueOfParameter(char const* key) const;
+  long GetInt32ValueOfParameter(char const* key, long defaultValue) const;
+  double GetDoubleValueOfParameter(char const* key) const;
+  double GetDoubleValueOfParameter(char const* key, double defaultValue) const;
+  char const* GetValueOfParameterArray(char const* name, int index) const;
+  char const* GetValueOfParameterArray(char const* name, int index, char const* defaultValue) const;
+  long GetInt32ValueOfParameterArray(char const* name, int index) const;
+  long GetInt32ValueOfParameterArray(char const* name, int index, long defaultValue) const;
+  double GetDoubleValueOfParameterArray(char const* name, int index) const;
+  double GetDoubleValueOfParameterArray(char const* name, int index, double defaultValue) const;
+  bool KeyExists(char const* key) const;
+
+  // All couples go; their objects stay readable until the next Reset.
+  void Reset();
+
+  // Writers: rebuild the cached string form. omitBody leaves out the value of
+  // "$RESPONSEBODY", and with it omitProxyPost that of "$PROXYPOSTDATA".
+  char const* ToString(bool omitBody, bool omitProxyPost) const;
+  // The form to use when values may hold zero bytes.
+  void ToString(char const*& text, int& length, bool omitBody, bool omitProxyPost) const;
+  RWCString const& ToStringRef(bool omitBody, bool omitProxyPost) const;
+
+  // Readers add to the array (Reset first for a fresh read). Any fault raises
+  // CIllegalAssoSyntaxException with the whole input as parameter; couples read
+  // before the fault stay. The input ends at the larger of length and the
+  // text's zero-terminated length.
+  void FromString(char const* text, int length);
+  void FromStringRef(RWCString const& text);
+  void FromStringZ1(RWCString const& text);
+  void FromStringZ1(std::string const& text);
+  void FromStringX2_deprecate(char const* text);
+  void FromStringZTS(char const* text);
+
+  // The holders' counts make these safe on shared objects.
+  void clear() override;
+  void clearAndDestroy() override;
+  void removeAndDestroy(RWCollectable const* key) override;
+
+ private:
+  void ToStringInternal(bool omitBody, bool omitProxyPost) const;
+  void fAddBytes(char const* key, std::size_t keyLength, char const* value, std::size_t valueLength);
+  RWCString* fFind(char const* key) const;
+  RWCString* fFindOrRaise(char const* key) const;
+  void fHoldAll();
+  void fReleaseParked();
+
+  mutable RWCString mStringForm;
+  // Objects given up by the last Reset, kept readable until the next one.
+  std::vector<RWCollectable*> mParked;
+};
