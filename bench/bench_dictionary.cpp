@@ -1,0 +1,135 @@
+// The string form against JSON libraries on the equivalent object of strings:
+// writing (ToString against RapidJSON's Writer and nlohmann's dump) and
+// reading (FromString into a fresh array against RapidJSON's Document::Parse
+// and nlohmann's parse), for 20 and 1,000 couples.
+#include <benchmark/benchmark.h>
+
+#include <nlohmann/json.hpp>
+#include <random>
+#include <rapidjson/document.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "AssociativeArray.h"
+#include "BenchRatio.h"
+
+namespace {
+
+using tCouples = std::vector<std::pair<std::string, std::string>>;
+
+// Printable keys of 8-24 bytes and values of 16-256 bytes, the same for every run.
+tCouples const& gCouples(int count) {
+  static std::vector<std::pair<int, tCouples>> cache;
+  for (auto const& [n, couples] : cache) {
+    if (n == count) return couples;
+  }
+  std::mt19937 rng(count);
+  auto text = [&](int low, int high) {
+    std::string s(std::size_t(low + int(rng() % unsigned(high - low + 1))), ' ');
+    for (char& c : s) c = static_cast<char>('a' + rng() % 26);
+    return s;
+  };
+  tCouples couples;
+  for (int i = 0; i < count; ++i) couples.emplace_back(text(8, 24) + std::to_string(i), text(16, 256));
+  cache.emplace_back(count, std::move(couples));
+  return cache.back().second;
+}
+
+void gFill(CAssociativeArray& array, tCouples const& couples) {
+  for (auto const& [k, v] : couples) array.AddCouple(k.c_str(), v.data(), int(v.size()));
+}
+
+std::string gRapidText(tCouples const& couples) {
+  rapidjson::StringBuffer buffer;
+  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+  writer.StartObject();
+  for (auto const& [k, v] : couples) {
+    writer.Key(k.data(), rapidjson::SizeType(k.size()));
+    writer.String(v.data(), rapidjson::SizeType(v.size()));
+  }
+  writer.EndObject();
+  return buffer.GetString();
+}
+
+void BM_ToString(benchmark::State& state) {
+  CAssociativeArray array(int(state.range(0)) * 2);
+  gFill(array, gCouples(int(state.range(0))));
+  for (auto _ : state) {
+    char const* text;
+    int length;
+    array.ToString(text, length, false, false);
+    benchmark::DoNotOptimize(text);
+  }
+}
+
+void BM_RapidJsonWriter(benchmark::State& state) {
+  rapidjson::Document doc;
+  doc.Parse(gRapidText(gCouples(int(state.range(0)))).c_str());
+  rapidjson::StringBuffer buffer;
+  for (auto _ : state) {
+    buffer.Clear();
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    doc.Accept(writer);
+    benchmark::DoNotOptimize(buffer.GetString());
+  }
+}
+
+void BM_NlohmannDump(benchmark::State& state) {
+  nlohmann::json json = nlohmann::json::parse(gRapidText(gCouples(int(state.range(0)))));
+  for (auto _ : state) {
+    std::string text = json.dump();
+    benchmark::DoNotOptimize(text.data());
+  }
+}
+
+void BM_FromString(benchmark::State& state) {
+  CAssociativeArray source(int(state.range(0)) * 2);
+  gFill(source, gCouples(int(state.range(0))));
+  std::string const form = source.ToStringRef(false, false);
+  for (auto _ : state) {
+    CAssociativeArray array(int(state.range(0)) * 2);
+    array.FromStringZ1(form);
+    benchmark::DoNotOptimize(array.entries());
+  }
+}
+
+void BM_RapidJsonParse(benchmark::State& state) {
+  std::string const text = gRapidText(gCouples(int(state.range(0))));
+  for (auto _ : state) {
+    rapidjson::Document doc;
+    doc.Parse(text.c_str(), text.size());
+    benchmark::DoNotOptimize(doc.MemberCount());
+  }
+}
+
+void BM_NlohmannParse(benchmark::State& state) {
+  std::string const text = gRapidText(gCouples(int(state.range(0))));
+  for (auto _ : state) {
+    nlohmann::json json = nlohmann::json::parse(text);
+    benchmark::DoNotOptimize(json.size());
+  }
+}
+
+BENCHMARK(BM_ToString)->Arg(20)->Arg(1000);
+BENCHMARK(BM_RapidJsonWriter)->Arg(20)->Arg(1000);
+BENCHMARK(BM_NlohmannDump)->Arg(20)->Arg(1000);
+BENCHMARK(BM_FromString)->Arg(20)->Arg(1000);
+BENCHMARK(BM_RapidJsonParse)->Arg(20)->Arg(1000);
+BENCHMARK(BM_NlohmannParse)->Arg(20)->Arg(1000);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<std::pair<std::string, std::string>> pairs;
+  for (char const* n : {"20", "1000"}) {
+    std::string s = std::string("/") + n;
+    pairs.emplace_back("BM_ToString" + s, "BM_RapidJsonWriter" + s);
+    pairs.emplace_back("BM_ToString" + s, "BM_NlohmannDump" + s);
+    pairs.emplace_back("BM_FromString" + s, "BM_RapidJsonParse" + s);
+    pairs.emplace_back("BM_FromString" + s, "BM_NlohmannParse" + s);
+  }
+  return corvanth::bench::gRunAndPrintRatios(argc, argv, pairs);
+}
