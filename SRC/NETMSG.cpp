@@ -4,7 +4,6 @@
 #include <atomic>
 #include <charconv>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "Log.dec.h"
@@ -22,11 +21,6 @@ int gPrintNumber(char (&text)[12], std::int32_t value) {
   char* end = std::to_chars(text, text + 11, value).ptr;
   *end = '\0';
   return static_cast<int>(end - text) + 1;
-}
-
-// atoi, which is strtol cut to 32 bits.
-std::int32_t gNumber(const char* text) {
-  return static_cast<std::int32_t>(std::strtol(text, nullptr, 10));
 }
 
 const char* gOrEmpty(const char* text) { return text != nullptr ? text : ""; }
@@ -229,8 +223,10 @@ bool cCorvanthMessage::mapFields(c_Pack& pack, const char* emptyText) {
   auto text = [&](unsigned int index) -> const char* {
     const char* start = pack.field(index);
     const int length = pack.fieldLen(index);
+    // The writer puts the NUL last; a NUL further in also ends the text.
     if (start != nullptr && length > 0 &&
-        std::memchr(start, '\0', static_cast<std::size_t>(length)) != nullptr) {
+        (start[length - 1] == '\0' ||
+         std::memchr(start, '\0', static_cast<std::size_t>(length)) != nullptr)) {
       return start;
     }
     if (emptyText != nullptr) return emptyText;
@@ -241,12 +237,16 @@ bool cCorvanthMessage::mapFields(c_Pack& pack, const char* emptyText) {
   mToClient = text(1);
   mFromHost = text(2);
   mFromClient = text(3);
-  mQtype = static_cast<QType>(gNumber(text(4)));
+  auto number = [&](unsigned int index) {
+    const char* digits = text(index);
+    return gPackNumber(digits, digits == pack.field(index) ? pack.fieldLen(index) : 0);
+  };
+  mQtype = static_cast<QType>(number(4));
   mData = pack.field(5);
   mDatalen = static_cast<std::uint32_t>(pack.fieldLen(5));
   if (pack.getNumOfPacks() == kMessageFields) {
-    mMessageId = static_cast<std::uint32_t>(gNumber(text(6)));
-    mPackStamp = gNumber(text(7));
+    mMessageId = static_cast<std::uint32_t>(number(6));
+    mPackStamp = number(7);
   } else {
     mMessageId = 0xFFFFFFFFu;
     mPackStamp = -1;

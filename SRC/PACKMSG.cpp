@@ -24,23 +24,43 @@ char* gPutToken(char* out, std::int32_t value) {
   return out + 1;
 }
 
-bool gIsSpace(char c) {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+bool gIsSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+bool gIsDigit(char c) { return c >= '0' && c <= '9'; }
+
+// One header token as "%s " reads it: white space before it is skipped, the
+// token ends at white space, a NUL or the limit, and the position moves by
+// the token's text and one blank from where it stood. Its value is what "%d"
+// makes of it.
+std::int32_t gReadToken(const char* packed, std::uint64_t limit, std::uint64_t& position) {
+  std::uint64_t at = position;
+  while (at < limit && gIsSpace(packed[at])) ++at;
+  const std::uint64_t begin = at;
+  while (at < limit && gIsDigit(packed[at])) ++at;
+  while (at < limit && packed[at] != '\0' && !gIsSpace(packed[at])) ++at;
+  const std::uint64_t length = at - begin;
+  position = length + 1 > limit - position ? limit : position + length + 1;
+  return gPackNumber(packed + begin, length);
 }
 
-// What "%d" makes of a token: an optional sign and the digits behind it, no
-// digits giving 0. Out-of-range values wrap to 32 bits as the C library's
-// conversion stores them.
-std::int32_t gDecimal(const char* text, std::uint64_t length) {
+}  // namespace
+
+std::int32_t gPackNumber(const char* text, std::uint64_t length) {
   std::uint64_t at = 0;
+  while (at < length && gIsSpace(text[at])) ++at;
   bool negative = false;
   if (at < length && (text[at] == '+' || text[at] == '-')) {
     negative = text[at] == '-';
     ++at;
   }
+  // Saturates at the 64-bit range as strtol does; the cut to 32 bits follows.
   constexpr std::uint64_t kCeiling = std::uint64_t{1} << 63;
   std::uint64_t magnitude = 0;
-  for (; at < length && text[at] >= '0' && text[at] <= '9'; ++at) {
+  // Eighteen digits cannot reach the ceiling.
+  const std::uint64_t plain = length - at > 18 ? at + 18 : length;
+  for (; at < plain && gIsDigit(text[at]); ++at) {
+    magnitude = magnitude * 10 + static_cast<std::uint64_t>(text[at] - '0');
+  }
+  for (; at < length && gIsDigit(text[at]); ++at) {
     const auto digit = static_cast<std::uint64_t>(text[at] - '0');
     magnitude = magnitude > (kCeiling - digit) / 10 ? kCeiling : magnitude * 10 + digit;
   }
@@ -48,21 +68,6 @@ std::int32_t gDecimal(const char* text, std::uint64_t length) {
   const std::uint64_t bits = negative ? ~magnitude + 1 : magnitude;
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(bits));
 }
-
-// One header token as "%s " reads it: white space before it is skipped, the
-// token ends at white space, a NUL or the limit, and the position moves by
-// the token's text and one blank from where it stood.
-std::int32_t gReadToken(const char* packed, std::uint64_t limit, std::uint64_t& position) {
-  std::uint64_t at = position;
-  while (at < limit && gIsSpace(packed[at])) ++at;
-  const std::uint64_t begin = at;
-  while (at < limit && packed[at] != '\0' && !gIsSpace(packed[at])) ++at;
-  const std::uint64_t length = at - begin;
-  position = length + 1 > limit - position ? limit : position + length + 1;
-  return gDecimal(packed + begin, length);
-}
-
-}  // namespace
 
 char* gPackAllocate(std::uint64_t size) {
   CORVANTH_ASSERT_AT(size != 0, "PACKMSG", 134);
@@ -165,7 +170,7 @@ void c_Pack::fRead(const char* packed, std::uint64_t limit) {
   mPackedLen = static_cast<std::int32_t>(position);
 }
 
-const char* c_Pack::field(unsigned int index) const {
+const char* c_Pack::fFieldOutOfRange(unsigned int index) const {
   CORVANTH_ASSERT_AT(index < kMaxFields, "packmsg", 38);
-  return index < kMaxFields ? mField[index] : nullptr;
+  return nullptr;
 }

@@ -60,7 +60,9 @@ class CORVANTH_EXPORT c_Pack {
 
   // The start of field index, not NUL-terminated by the format. An index of
   // 10 or more is logged and gives null.
-  const char* field(unsigned int index) const;
+  const char* field(unsigned int index) const {
+    return index < kMaxFields ? mField[index] : fFieldOutOfRange(index);
+  }
   int fieldLen(unsigned int index) const { return index < kMaxFields ? mFieldLen[index] : 0; }
   int getNumOfPacks() const { return mNumOfPacks; }
   const char* thePackedMsg() const { return mPackedMsg; }
@@ -69,6 +71,7 @@ class CORVANTH_EXPORT c_Pack {
 
  private:
   void fRead(const char* packed, std::uint64_t limit);
+  const char* fFieldOutOfRange(unsigned int index) const;
 
   char* mPackedMsg = nullptr;
   const char* mField[kMaxFields] = {};
@@ -76,6 +79,11 @@ class CORVANTH_EXPORT c_Pack {
   std::int32_t mNumOfPacks = 0;
   std::int32_t mPackedLen = 0;
 };
+
+// The number a packed text stands for, read as atoi and "%d" read it: white
+// space, a sign and digits, within length bytes. No digits give 0; a value
+// beyond 32 bits is cut to them as the C library stores it.
+CORVANTH_EXPORT std::int32_t gPackNumber(const char* text, std::uint64_t length);
 
 // The allocation pair of packed blocks: array new and array delete. A size of
 // zero and a null block are logged, and the call goes on.
