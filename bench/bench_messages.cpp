@@ -1,15 +1,14 @@
 // Packing and unpacking the example message, each against a hand-written
 // baseline that produces or reads the same 57 bytes with snprintf, strtol and
-// memcpy. Prints "ratio <name>: X.XXx" (ours / baseline) at the end.
+// memcpy. Prints "ratio <ours> / <baseline>: X.XXx" at the end.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <string>
-#include <vector>
 
+#include "BenchRatio.h"
 #include "netmsg.h"
 
 namespace {
@@ -114,35 +113,9 @@ void BM_UnpackBaseline(benchmark::State& state) {
 }
 BENCHMARK(BM_UnpackBaseline);
 
-class cRatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs) {
-      if (run.run_type == Run::RT_Iteration)
-        mTimes[run.benchmark_name()] = run.GetAdjustedCPUTime();
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  void fPrintRatio(const char* name, const std::string& ours, const std::string& baseline) const {
-    const auto o = mTimes.find(ours);
-    const auto b = mTimes.find(baseline);
-    if (o == mTimes.end() || b == mTimes.end() || b->second <= 0) return;
-    std::printf("ratio %s: %.2fx\n", name, o->second / b->second);
-  }
-
- private:
-  std::map<std::string, double> mTimes;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  cRatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.fPrintRatio("pack", "BM_Pack", "BM_PackBaseline");
-  reporter.fPrintRatio("unpack", "BM_Unpack", "BM_UnpackBaseline");
-  benchmark::Shutdown();
-  return 0;
+  return corvanth::bench::gRunAndPrintRatios(
+      argc, argv, {{"BM_Pack", "BM_PackBaseline"}, {"BM_Unpack", "BM_UnpackBaseline"}});
 }
