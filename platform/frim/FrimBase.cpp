@@ -13,6 +13,7 @@
 #include "FrimCoreError.h"
 #include "FrimException.h"
 #include "FrimThread.h"
+#include "internal/WriteAll.h"
 
 long GetCurrentThreadId() noexcept {
   thread_local long const id = static_cast<long>(static_cast<std::int32_t>(::gettid()));
@@ -23,17 +24,6 @@ namespace n_debug::nCoreError {
 namespace {
 std::atomic<tPositionObserver> gObserver{nullptr};
 
-void gWriteAll(int fd, char const* data, std::size_t size) noexcept {
-  while (size > 0) {
-    ssize_t n = ::write(fd, data, size);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return;
-    }
-    data += n;
-    size -= static_cast<std::size_t>(n);
-  }
-}
 }  // namespace
 
 void gPosition(bool assertion, char const* text, bool, bool, char const* module, char const* source,
@@ -46,7 +36,7 @@ void gPosition(bool assertion, char const* text, bool, bool, char const* module,
   if (n > 0) {
     std::size_t size = std::min<std::size_t>(std::size_t(n), sizeof buffer - 1);
     if (size == sizeof buffer - 1) buffer[size - 1] = '\n';
-    gWriteAll(STDERR_FILENO, buffer, size);
+    nFrimInternal::gWriteAll(STDERR_FILENO, buffer, size);
   }
   if (tPositionObserver observer = gObserver.load(std::memory_order_acquire)) {
     observer(text ? text : "", source ? source : "", line);

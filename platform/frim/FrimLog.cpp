@@ -14,6 +14,7 @@
 
 #include "FrimCoreError.h"
 #include "FrimException.h"
+#include "internal/WriteAll.h"
 
 namespace nLog {
 
@@ -41,19 +42,7 @@ std::vector<std::string> gSplitSelection(std::string_view selection) {
   return items;
 }
 
-void gWriteAll(int fd, std::string const& line) {
-  char const* data = line.data();
-  std::size_t size = line.size();
-  while (size > 0) {
-    ssize_t n = ::write(fd, data, size);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return;
-    }
-    data += n;
-    size -= static_cast<std::size_t>(n);
-  }
-}
+void gWriteAll(int fd, std::string const& line) { nFrimInternal::gWriteAll(fd, line.data(), line.size()); }
 
 // Names that a selection may use before the tag itself exists.
 constexpr char const* kKnownNames[] = {
