@@ -1,0 +1,103 @@
+// RWHashDictionary: a set of key/value associations, found by key. It owns
+// its associations and nothing else: keys and values stay the caller's until
+// an ...AndDestroy operation destroys them. find, remove and the iterator's
+// advance give keys; insertKeyAndValue adds a pair only when no equal key is
+// stored. Bucket choice and iteration order are those of RWHashTable, with the
+// association hashing as its key.
+//
+// A lookup by text (findValue(std::string_view) and its kin) answers as a
+// lookup with an RWCollectableString probe of those bytes would, without
+// building one: no heap use at all.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+#include "CorvanthExport.h"
+#include "rwassoc.h"
+#include "rwset.h"
+
+using RWapplyKeyAndValue = void (*)(RWCollectable* key, RWCollectable*& value, void* data);
+
+class CORVANTH_EXPORT RWHashDictionary : public RWSet {
+ public:
+  static constexpr RWClassID classIsA = 32802;
+  static constexpr char const className[] = "RWHashDictionary";
+
+  explicit RWHashDictionary(std::size_t capacity = DEFAULT_CAPACITY) : RWSet(capacity) {}
+  // New associations to the same keys and values, in the same buckets and order.
+  RWHashDictionary(RWHashDictionary const& other);
+  RWHashDictionary& operator=(RWHashDictionary const& other);
+  // Frees the associations, never keys or values.
+  ~RWHashDictionary() override;
+
+  RWCollectable* newSpecies() const override;
+  RWCollectable* copy() const override;
+  RWClassID isA() const override;
+
+  // Calls `function` with each key.
+  void apply(RWapplyCollectable function, void* data) override;
+  // Frees the associations; keys and values stay alive.
+  void clear() override;
+  // Destroys every key and every value once, also an object that is both.
+  void clearAndDestroy() override;
+  // The stored key equal to `key`, or null.
+  RWCollectable* find(RWCollectable const* key) const override;
+  // An association goes in as it is (in the set manner); anything else is taken
+  // as a key with a null value, and the stored equal key comes back if there is one.
+  RWCollectable* insert(RWCollectable* element) override;
+  // Gives the stored key and frees the association; the value pointer is dropped.
+  RWCollectable* remove(RWCollectable const* key) override;
+  // Destroys the value, then the key if it is another object, then the association.
+  void removeAndDestroy(RWCollectable const* key) override;
+  RWIterator* newIterator() override;
+  RWConstIterator* newConstIterator() const override;
+
+  // New dictionaries (the caller's) of the pairs whose key, or value, passes `tester`.
+  virtual RWHashDictionary* selectKey(RWtestCollectable tester, void const* data) const;
+  virtual RWHashDictionary* selectValue(RWtestCollectable tester, void const* data) const;
+  virtual RWCollectableAssociation* findAssociation(RWCollectable const* key) const;
+  virtual RWCollectableAssociation* newAssociation(RWCollectable* key, RWCollectable* value) const;
+  // Takes the association out and gives it to the caller.
+  virtual RWCollectableAssociation* removeAssociation(RWCollectable const* key);
+
+  // Adds the pair and gives the key; when an equal key is stored, changes
+  // nothing and gives null (key and value stay the caller's).
+  RWCollectable* insertKeyAndValue(RWCollectable* key, RWCollectable* value);
+  RWCollectable* findValue(RWCollectable const* key) const;
+  // Puts `newValue` in place and gives the old value; with no such key nothing changes.
+  RWCollectable* findValue(RWCollectable const* key, RWCollectable* newValue);
+  RWCollectable* findKey(RWCollectable const* key) const { return find(key); }
+  void applyToKeyAndValue(RWapplyKeyAndValue function, void* data);
+
+  RWCollectableAssociation* findAssociation(std::string_view key) const;
+  RWCollectable* findValue(std::string_view key) const;
+  RWCollectable* findKey(std::string_view key) const;
+
+ private:
+  void freeAssociations();
+  void copyAssociations(RWHashDictionary const& other);
+  RWHashDictionary* select(RWtestCollectable tester, void const* data, bool byKey) const;
+};
+
+class CORVANTH_EXPORT RWHashDictionaryIterator : public RWSetIterator {
+ public:
+  explicit RWHashDictionaryIterator(RWHashDictionary& dictionary) : RWSetIterator(dictionary) {}
+  ~RWHashDictionaryIterator() override;
+
+  // Advances to the next pair whose key equals `key`, and gives its key.
+  RWCollectable* findNext(RWCollectable const* key) override;
+  // The current key.
+  RWCollectable* key() const override;
+  // Advances and gives the next key, or null at the end.
+  RWCollectable* operator()() override;
+
+  RWCollectable* value() const;
+  // Sets the current pair's value and gives the old one (null without a current pair).
+  RWCollectable* value(RWCollectable* newValue) const;
+  // Removes the current pair, frees its association and gives its key.
+  RWCollectable* remove();
+
+ private:
+  RWCollectableAssociation* association() const;
+};
