@@ -29,6 +29,11 @@
 #include "netmsg.h"
 #include "packmsg.h"
 
+// events and process groups
+#include "KRPlatform.h"
+#include "clntsrv.h"
+#include "processgroupmanager.h"
+
 // containers
 #include "rwassoc.h"
 #include "rwcollect.h"

@@ -2,13 +2,25 @@
 //
 //   corvanth --version        print the library's version
 //   corvanth log-demo         write one log record of each tag to standard output
+//   corvanth group ...        start commands as one process group, kill it newest first
 //   corvanth help             this text
 //
 // Exit codes: 0 success, 1 failure while running, 2 bad usage.
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "CorvanthUtil.h"
 
@@ -22,6 +34,10 @@ int gUsage(FILE* out) {
       "  --version    print the library's version\n"
       "  log-demo     write one log record of each tag to standard output, one line each:\n"
       "               UTC time, pid, thread id, tag, module, source:line, text (tab-separated)\n"
+      "  group [--name <name>] <seconds> -- <command> [<arg>...] [';' <command> [<arg>...]]...\n"
+      "               start the commands as one named process group; on SIGINT, SIGTERM, the\n"
+      "               time-out or when all have ended, kill them newest first and print each\n"
+      "               kill step's outcome (exit 1 unless every kill step succeeded)\n"
       "  help         print this text\n"
       "\n"
       "environment:\n"
@@ -51,6 +67,147 @@ int gLogDemo() {
   return 0;
 }
 
+// --- group: start commands as one process group, kill it newest first --------
+
+// Prints each kill step of the group as "kill <pid>: <outcome>".
+class cKillStepPrinter : public nLog::iTargetUnit {
+ private:
+  void vCommitRecord(nLog::cRecord const& record) override {
+    std::string_view text = record.text;
+    std::string_view const prefix = "gKillProcess(%d) ";
+    if (text.substr(0, prefix.size()) != prefix) return;
+    text.remove_prefix(prefix.size());
+    std::size_t const tab = text.find('\t');
+    std::string const handle(text.substr(tab == std::string_view::npos ? text.size() : tab + 1));
+    std::printf("kill %lld: %.*s\n",
+                static_cast<long long>(std::strtoull(handle.c_str(), nullptr, 16)),
+                static_cast<int>(text.substr(0, tab).size()), text.data());
+    std::fflush(stdout);
+  }
+};
+
+int gGroup(int argc, char** argv) {
+  auto usage = [] {
+    std::fputs(
+        "usage: corvanth group [--name <name>] <seconds> -- <command> [<arg>...] [';' <command> "
+        "...]\n",
+        stderr);
+    return 2;
+  };
+  RWCString name("corvanth-group");
+  int at = 2;
+  if (at + 1 < argc && std::string_view(argv[at]) == "--name") {
+    name = argv[at + 1];
+    at += 2;
+  }
+  if (at + 2 >= argc || std::string_view(argv[at + 1]) != "--") return usage();
+  char* end = nullptr;
+  double const seconds = std::strtod(argv[at], &end);
+  if (end == argv[at] || *end != '\0' || !std::isfinite(seconds) || seconds <= 0 || seconds > 1e6)
+    return usage();
+  std::vector<std::vector<char*>> commands(1);
+  for (at += 2; at < argc; ++at) {
+    if (std::string_view(argv[at]) == ";") {
+      commands.emplace_back();
+    } else {
+      commands.back().push_back(argv[at]);
+    }
+  }
+  for (std::vector<char*>& command : commands) {
+    if (command.empty()) return usage();
+    command.push_back(nullptr);
+  }
+
+  // The signals wait in sigtimedwait; the children get default handling, and
+  // a process group of their own, so that a terminal's ^C reaches only us.
+  sigset_t wanted;
+  sigemptyset(&wanted);
+  sigaddset(&wanted, SIGINT);
+  sigaddset(&wanted, SIGTERM);
+  sigaddset(&wanted, SIGCHLD);
+  sigset_t previous;
+  pthread_sigmask(SIG_BLOCK, &wanted, &previous);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setsigdefault(&attributes, &wanted);
+  posix_spawnattr_setflags(&attributes,
+                           POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+
+  ProcessesGroupManager manager;
+  std::vector<pid_t> started;
+  bool failed = false;
+  for (std::vector<char*>& command : commands) {
+    posix_spawnattr_setpgroup(&attributes, started.empty() ? 0 : started.front());
+    pid_t pid = 0;
+    int const error = posix_spawnp(&pid, command[0], nullptr, &attributes, command.data(), environ);
+    if (error != 0) {
+      std::fprintf(stderr, "corvanth group: cannot start '%s': %s\n", command[0],
+                   std::strerror(error));
+      failed = true;
+      break;
+    }
+    started.push_back(pid);
+    void* handle = reinterpret_cast<void*>(static_cast<std::intptr_t>(pid));
+    if (manager.AddProcessToGroup(name, handle) == nullptr) failed = true;
+    std::printf("started %d: %s\n", static_cast<int>(pid), command[0]);
+  }
+  posix_spawnattr_destroy(&attributes);
+
+  char const* reason = "a command could not be started";
+  if (!failed) {
+    std::printf("waiting up to %g s for group %s\n", seconds, name.c_str());
+    std::fflush(stdout);
+    timespec deadline;
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += static_cast<time_t>(seconds);
+    deadline.tv_nsec += static_cast<long>((seconds - std::floor(seconds)) * 1e9);
+    if (deadline.tv_nsec >= 1000000000L) {
+      ++deadline.tv_sec;
+      deadline.tv_nsec -= 1000000000L;
+    }
+    for (reason = nullptr; reason == nullptr;) {
+      timespec now;
+      clock_gettime(CLOCK_MONOTONIC, &now);
+      long long const left =
+          (deadline.tv_sec - now.tv_sec) * 1000000000LL + (deadline.tv_nsec - now.tv_nsec);
+      if (left <= 0) {
+        reason = "time-out";
+        break;
+      }
+      timespec const wait{static_cast<time_t>(left / 1000000000LL),
+                          static_cast<long>(left % 1000000000LL)};
+      int const signal = sigtimedwait(&wanted, nullptr, &wait);
+      if (signal == SIGINT) reason = "SIGINT";
+      if (signal == SIGTERM) reason = "SIGTERM";
+      if (signal == SIGCHLD) {
+        // Ended commands stay zombies until the kill step reaps them.
+        std::size_t ended = 0;
+        for (pid_t pid : started) {
+          siginfo_t info{};
+          if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+              info.si_pid != 0)
+            ++ended;
+        }
+        if (ended == started.size()) reason = "all commands ended";
+      }
+    }
+  }
+  std::printf("stopping group %s: %s\n", name.c_str(), reason);
+  std::fflush(stdout);
+
+  cKillStepPrinter printer;
+  nLog::gAttachTarget(printer, "Execution");
+  bool const killed = !started.empty() && manager.TerminateGroup(name);
+  nLog::gDetachTarget(printer);
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  std::printf("group %s: %s\n", name.c_str(),
+              killed ? "every process killed" : "not every kill step succeeded");
+  return killed && !failed ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -62,6 +219,7 @@ int main(int argc, char** argv) {
   }
   if (command == "help" || command == "--help" || command == "-h") return gUsage(stdout);
   if (command == "log-demo") return gLogDemo();
+  if (command == "group") return gGroup(argc, argv);
   std::fprintf(stderr, "corvanth: unknown command '%s'\n\n", argv[1]);
   return gUsage(stderr);
 }
