@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <memory>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "LogCapture.h"
@@ -135,6 +136,16 @@ TEST(PackedFields, NullReaderIsInvalid) {
   EXPECT_EQ(reader.getNumOfPacks(), 0);
   c_Pack bounded(c_Pack::zBounded{}, nullptr, 40);
   EXPECT_EQ(bounded.valid(), 0);
+}
+
+TEST(PackedFields, NumbersReadAsTheCLibraryReadsThem) {
+  for (const char* text :
+       {"0", "352", "-1", "+7", "  42", "\t-12ab", "4294967295", "2147483648", "-2147483649",
+        "99999999999999999999", "-99999999999999999999", "x1", "-", ""}) {
+    EXPECT_EQ(gPackNumber(text, std::strlen(text)), std::atoi(text)) << text;
+  }
+  // The length bounds the read even where a NUL would not.
+  EXPECT_EQ(gPackNumber("12345", 2), 12);
 }
 
 // Every field of a bounded reader lies inside the bytes it was given.
