@@ -179,6 +179,8 @@ class CORVANTH_EXPORT cTagSimple : public iTagControlled {
   ~cTagSimple() override;
 
   int fBreakpointMode() const { return mBreakpointMode; }
+  bool fFlag() const { return mFlag; }
+  cDebugInfoConfiguration fDebugInfo() const { return mDebugInfo; }
 
  private:
   int mBreakpointMode;
