@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <string>
 
 #include "LogCapture.h"
 #include "clntsrv.h"
@@ -290,8 +289,6 @@ TEST(CollectableValidateObject, InstanceNumbersComeFromTheCounterAndCopiesShareT
   EXPECT_EQ(copy.value(), second.value());
   EXPECT_EQ(CollectableValidateObject::nextInstanceNumber, second.value());
   EXPECT_EQ(copy.valid(), 1);
-  EXPECT_EQ(copy.isA(), 0);
-  EXPECT_EQ(copy.hash(), 0u);
   EXPECT_FALSE(copy.isEqual(&copy));
 
   // A client copy takes the table: the handler runs on the copy.
@@ -307,13 +304,6 @@ TEST(CollectableValidateObject, InstanceNumbersComeFromTheCounterAndCopiesShareT
   BaseEvent plain(client, 1);
   EXPECT_EQ(plain.value(), 0);
   EXPECT_FALSE(plain.isEqual(&plain));
-  EXPECT_EQ(std::string(plain.nameOf()), "BaseEvent");
-  EXPECT_EQ(std::string(client.nameOf()), "ClientObj");
-  cTestServer server;
-  EXPECT_EQ(std::string(server.nameOf()), "ServerObj");
-  EXPECT_EQ(std::string(first.nameOf()), "CollectableValidateObject");
-  EXPECT_EQ(std::string(static_cast<ValidateObject&>(first).ValidateObject::nameOf()),
-            "ValidateObject");
 }
 
 TEST(ServerObj, CopiesShareOneEventTable) {
