@@ -29,6 +29,11 @@
 #include "netmsg.h"
 #include "packmsg.h"
 
+// sockets
+#include "LintelSocket.h"
+#include "basesocket.h"
+#include "streamsocket.h"
+
 // events and process groups
 #include "KRPlatform.h"
 #include "clntsrv.h"

@@ -1,0 +1,111 @@
+// StreamSocket: typed messages over one stream connection. A message travels
+// as one frame, the 8-byte c_MessageHeader and the payload behind it (the
+// frame is described in Nvspackmsg.h), written in a single piece. The payload
+// is opaque here; as a rule it is a packed cCorvanthMessage.
+//
+// Roles. Client: the second constructor, Connect or ConnectLocal, messages,
+// CloseSocket, destructor. Server: a listener (second constructor, setPort if
+// the port is to come back from Accept, CreateListenerSocket) whose Accept
+// gives (handle, SSL object, port) in a loop; each accepted connection is a
+// StreamSocket of its own, made with the first constructor.
+//
+// Ownership: the object owns its handle, and its SSL object and contexts. A
+// payload from WaitTypedMessageZ1 belongs to the caller until FreeMessage.
+//
+// Failures: reads and writes answer false, and the stream position is then
+// lost; connecting and accepting raise the socket library's exceptions. A
+// header whose length has the top bit set is refused with false and the
+// connection stays open. Nothing here is caught.
+//
+// Threads: one thread may block in WaitTypedMessageZ1 while another sends,
+// and any thread may call CloseSocket. CloseSocket sets shutdownRequested and
+// closes the handle: the close is what wakes a blocked reader, and the flag
+// makes every later read and write answer false without touching the socket.
+// A shut object does not come back, not even through a new Connect.
+//
+// TLS: the fields and the clean-up are here; the handshakes and the TLS read
+// and write loops are not built yet, so Connect and Accept refuse sslEnable.
+#pragma once
+
+#include <atomic>
+#include <string>
+#include <tuple>
+
+#include "CorvanthExport.h"
+#include "LintelSocket.h"
+#include "Nvspackmsg.h"
+#include "basesocket.h"
+
+struct ssl_st;
+struct ssl_ctx_st;
+
+class CORVANTH_EXPORT StreamSocket : public c_Socket {
+ public:
+  // Only 1 and 3 carry a fixed meaning; callers of setPort may give others.
+  enum PortType { ConnectedPort = 1, ListeningPort = 2, UnsetPort = 3 };
+
+  // Wraps a connection that Accept handed out, and takes the SSL object over.
+  StreamSocket(nCommunication::nSocket::cHandleValid handle, bool sslEnable, ssl_st* ssl,
+               bool verifyServer, bool verifyClient, std::string certificatePath);
+  // Unconnected. The SSL object argument is dropped on purpose: ssl stays null.
+  explicit StreamSocket(bool sslEnable = false, ssl_st* ssl = nullptr, bool verifyServer = false,
+                        bool verifyClient = false, std::string certificatePath = std::string());
+  // CleanupSSL only if sslEnable is set; then the base deletes the handle.
+  ~StreamSocket();
+
+  // Client role; the older handle, if any, stays open and undeleted.
+  void Connect(const std::string& host, unsigned short port,
+               nCommunication::nSocket::cSocketOptions options);
+  void ConnectLocal(unsigned short port, nCommunication::nSocket::cSocketOptions options);
+  // Server role, on the listener: the accepted handle (invalid once the
+  // listener is closed), its SSL object or null, and this object's port.
+  std::tuple<nCommunication::nSocket::cHandleOptional, ssl_st*, int> Accept(
+      nCommunication::nSocket::cSocketOptions options);
+  void CloseSocket();
+  nCommunication::nSocket::cHandleOptional f_GetInternal_debug() const;
+
+  // True when the whole frame went out. A null message or a negative length
+  // is logged as an error and the frame goes out all the same.
+  bool SendTypedMessageZ2(short type, short subtype, const char* message, int length);
+  // Blocks for one frame. On true, message is an array of exactly length
+  // bytes (null for an empty frame) that goes back through FreeMessage. On
+  // false all four outputs are zero.
+  bool WaitTypedMessageZ1(short& type, short& subtype, char*& message, int& length,
+                          nCommunication::nSocket::iLatencyConfiguration* latency);
+  // Array delete of a received payload; null is harmless.
+  void FreeMessage(const char* message);
+
+  int getPort() const { return port; }
+  PortType getPortType() { return portType; }
+  void setPort(int newPort, PortType type) {
+    port = newPort;
+    portType = type;
+  }
+  void setSslEnable(bool enable) { sslEnable = enable; }
+  void verifyClientCertificate(bool verify) { verifyClient = verify; }
+  void verifyServerCertificate(bool verify) { verifyServer = verify; }
+  void setServerCertificatePath(std::string& path) { certificatePath = path; }
+
+  // Ends the TLS connection and frees the TLS objects; repeatable, and silent
+  // when there is nothing to free.
+  void CleanupSSL();
+
+ private:
+  // The payload length in host order, or -1 when the header could not be read.
+  int GetMessageHeaderZ1(c_MessageHeader* header,
+                         nCommunication::nSocket::iLatencyConfiguration* latency);
+  bool ReadDataZ1(int count, char* buffer, bool insideMessage,
+                  nCommunication::nSocket::iLatencyConfiguration* latency);
+  bool WriteDataZ1(int count, const char* data);
+
+  PortType portType = UnsetPort;
+  std::atomic<bool> shutdownRequested{false};
+  ssl_ctx_st* clientContext = nullptr;
+  ssl_ctx_st* serverContext = nullptr;
+  ssl_st* ssl = nullptr;
+  bool sslEnable;
+  bool verifyServer;
+  bool verifyClient;
+  std::string certificatePath;
+  int port = 0;
+};
