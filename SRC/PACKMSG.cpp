@@ -35,11 +35,18 @@ std::int32_t gReadToken(const char* packed, std::uint64_t limit, std::uint64_t& 
   std::uint64_t at = position;
   while (at < limit && gIsSpace(packed[at])) ++at;
   const std::uint64_t begin = at;
-  while (at < limit && gIsDigit(packed[at])) ++at;
+  std::uint32_t value = 0;
+  while (at < limit && gIsDigit(packed[at])) {
+    value = value * 10 + static_cast<std::uint32_t>(packed[at] - '0');
+    ++at;
+  }
+  // The writer's tokens are up to nine plain digits: their value is read on
+  // the way; anything else goes through the full conversion.
+  const bool plain = at - begin <= 9 && (at == limit || packed[at] == '\0' || gIsSpace(packed[at]));
   while (at < limit && packed[at] != '\0' && !gIsSpace(packed[at])) ++at;
   const std::uint64_t length = at - begin;
   position = length + 1 > limit - position ? limit : position + length + 1;
-  return gPackNumber(packed + begin, length);
+  return plain ? static_cast<std::int32_t>(value) : gPackNumber(packed + begin, length);
 }
 
 }  // namespace
