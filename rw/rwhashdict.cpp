@@ -1,6 +1,7 @@
 #include "rwhashdict.h"
 
 #include <algorithm>
+#include <cstring>
 #include <typeinfo>
 #include <vector>
 
@@ -15,7 +16,8 @@ RWCollectableAssociation* gAssociation(RWCollectable* item) {
 }
 }  // namespace
 
-RWHashDictionary::RWHashDictionary(RWHashDictionary const& other) : RWSet(other.buckets()) {
+RWHashDictionary::RWHashDictionary(RWHashDictionary const& other)
+    : RWSet(other.buckets()), mPlainStringPairs(other.mPlainStringPairs) {
   copyAssociations(other);
 }
 
@@ -23,6 +25,7 @@ RWHashDictionary& RWHashDictionary::operator=(RWHashDictionary const& other) {
   if (this != &other) {
     freeAssociations();
     resetBuckets(other.buckets());
+    mPlainStringPairs = other.mPlainStringPairs;
     copyAssociations(other);
   }
   return *this;
@@ -44,6 +47,7 @@ void RWHashDictionary::apply(RWapplyCollectable function, void* data) {
 void RWHashDictionary::clear() {
   freeAssociations();
   RWSet::clear();
+  mPlainStringPairs = true;
 }
 
 void RWHashDictionary::clearAndDestroy() {
@@ -67,7 +71,7 @@ RWCollectable* RWHashDictionary::find(RWCollectable const* key) const {
 
 RWCollectable* RWHashDictionary::insert(RWCollectable* element) {
   if (element == nullptr) return nullptr;
-  if (dynamic_cast<RWCollectableAssociation*>(element) != nullptr) return RWSet::insert(element);
+  if (auto* pair = dynamic_cast<RWCollectableAssociation*>(element)) return insertAssociation(pair);
   if (RWCollectable* key = insertKeyAndValue(element, nullptr)) return key;
   return find(element);
 }
@@ -105,6 +109,8 @@ RWHashDictionary* RWHashDictionary::selectValue(RWtestCollectable tester, void c
 }
 
 RWCollectableAssociation* RWHashDictionary::findAssociation(RWCollectable const* key) const {
+  if (mPlainStringPairs && key != nullptr && typeid(*key) == typeid(RWCollectableString))
+    return findPlainString(*static_cast<RWCollectableString const*>(key));
   return gAssociation(RWSet::find(key));
 }
 
@@ -120,7 +126,7 @@ RWCollectableAssociation* RWHashDictionary::removeAssociation(RWCollectable cons
 RWCollectable* RWHashDictionary::insertKeyAndValue(RWCollectable* key, RWCollectable* value) {
   if (key == nullptr) return nullptr;
   RWCollectableAssociation* const pair = newAssociation(key, value);
-  if (RWSet::insert(pair) != pair) {
+  if (insertAssociation(pair) != pair) {
     delete pair;
     return nullptr;
   }
@@ -150,6 +156,7 @@ void RWHashDictionary::applyToKeyAndValue(RWapplyKeyAndValue function, void* dat
 }
 
 RWCollectableAssociation* RWHashDictionary::findAssociation(std::string_view key) const {
+  if (mPlainStringPairs) return findPlainString(key);
   RWSlistCollectables const* const list = bucketOf(RWCString::hash(key.data(), key.size()));
   if (list == nullptr) return nullptr;
   for (auto const* link = list->head(); link != nullptr; link = link->next) {
@@ -177,6 +184,29 @@ RWCollectable* RWHashDictionary::findKey(std::string_view key) const {
   return pair != nullptr ? pair->key() : nullptr;
 }
 
+RWCollectable* RWHashDictionary::insertAssociation(RWCollectableAssociation* pair) {
+  RWCollectable* const stored = RWSet::insert(pair);
+  if (stored == pair && mPlainStringPairs) {
+    RWCollectable const* const key = pair->key();
+    mPlainStringPairs = typeid(*pair) == typeid(RWCollectableAssociation) && key != nullptr &&
+                        typeid(*key) == typeid(RWCollectableString);
+  }
+  return stored;
+}
+
+RWCollectableAssociation* RWHashDictionary::findPlainString(std::string_view key) const {
+  RWSlistCollectables const* const list = bucketOf(RWCString::hash(key.data(), key.size()));
+  if (list == nullptr) return nullptr;
+  for (auto const* link = list->head(); link != nullptr; link = link->next) {
+    RWCollectableAssociation* const pair = gAssociation(link->item);
+    auto const* const stored = static_cast<RWCollectableString const*>(pair->key());
+    if (stored->size() == key.size() &&
+        (key.empty() || std::memcmp(stored->data(), key.data(), key.size()) == 0))
+      return pair;
+  }
+  return nullptr;
+}
+
 void RWHashDictionary::freeAssociations() {
   for (RWSlistCollectables* list : mBuckets)
     if (list != nullptr)
@@ -197,6 +227,7 @@ void RWHashDictionary::copyAssociations(RWHashDictionary const& other) {
 RWHashDictionary* RWHashDictionary::select(RWtestCollectable tester, void const* data,
                                            bool byKey) const {
   auto* const selection = new RWHashDictionary(buckets());
+  selection->mPlainStringPairs = mPlainStringPairs;
   for (std::size_t index = 0; index < mBuckets.size(); ++index) {
     if (mBuckets[index] == nullptr) continue;
     for (auto const* link = mBuckets[index]->head(); link != nullptr; link = link->next) {

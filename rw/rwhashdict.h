@@ -78,6 +78,14 @@ class CORVANTH_EXPORT RWHashDictionary : public RWSet {
   void freeAssociations();
   void copyAssociations(RWHashDictionary const& other);
   RWHashDictionary* select(RWtestCollectable tester, void const* data, bool byKey) const;
+  // Inserts in the set manner, and notes whether the pairs stay plain ones.
+  RWCollectable* insertAssociation(RWCollectableAssociation* pair);
+  RWCollectableAssociation* findPlainString(std::string_view key) const;
+
+  // True while every stored pair is a plain RWCollectableAssociation with a plain
+  // RWCollectableString key: then a string lookup may compare bytes directly, which
+  // is what the objects' isEqual would answer. Cleared for good by any other pair.
+  bool mPlainStringPairs = true;
 };
 
 class CORVANTH_EXPORT RWHashDictionaryIterator : public RWSetIterator {

@@ -15,13 +15,8 @@ RWSlistCollectables::RWSlistCollectables(RWSlistCollectables const& other) : RWS
 
 RWSlistCollectables& RWSlistCollectables::operator=(RWSlistCollectables const& other) {
   if (this != &other) {
-    RWSlistCollectables copy(other);
     clear();
-    mHead = copy.mHead;
-    mTail = copy.mTail;
-    mEntries = copy.mEntries;
-    copy.mHead = copy.mTail = nullptr;
-    copy.mEntries = 0;
+    for (Link const* link = other.mHead; link != nullptr; link = link->next) append(link->item);
   }
   return *this;
 }
@@ -39,7 +34,7 @@ void RWSlistCollectables::apply(RWapplyCollectable function, void* data) {
 void RWSlistCollectables::clear() {
   for (Link* link = mHead; link != nullptr;) {
     Link* const next = link->next;
-    delete link;
+    freeLink(link);
     link = next;
   }
   mHead = mTail = nullptr;
@@ -83,7 +78,7 @@ RWConstIterator* RWSlistCollectables::newConstIterator() const {
 }
 
 RWCollectable* RWSlistCollectables::append(RWCollectable* element) {
-  Link* const link = new Link{nullptr, element};
+  Link* const link = newLink(nullptr, element);
   if (mTail != nullptr)
     mTail->next = link;
   else
@@ -117,13 +112,13 @@ RWCollectable* RWSlistCollectables::insertAt(std::size_t index, RWCollectable* e
   if (index == 0) return prepend(element);
   Link* previous = mHead;
   while (--index > 0) previous = previous->next;
-  previous->next = new Link{previous->next, element};
+  previous->next = newLink(previous->next, element);
   ++mEntries;
   return element;
 }
 
 RWCollectable* RWSlistCollectables::prepend(RWCollectable* element) {
-  mHead = new Link{mHead, element};
+  mHead = newLink(mHead, element);
   if (mTail == nullptr) mTail = mHead;
   ++mEntries;
   return element;
@@ -149,8 +144,22 @@ RWCollectable* RWSlistCollectables::unlink(Link* previous, Link* link) {
   if (mTail == link) mTail = previous;
   --mEntries;
   RWCollectable* const item = link->item;
-  delete link;
+  freeLink(link);
   return item;
+}
+
+RWSlistCollectables::Link* RWSlistCollectables::newLink(Link* next, RWCollectable* item) {
+  if (mInlineInUse) return new Link{next, item};
+  mInlineInUse = true;
+  mInline = Link{next, item};
+  return &mInline;
+}
+
+void RWSlistCollectables::freeLink(Link* link) {
+  if (link == &mInline)
+    mInlineInUse = false;
+  else
+    delete link;
 }
 
 // --- iterator ---------------------------------------------------------------

@@ -1,7 +1,8 @@
 // RWSlistCollectables: a singly linked list of collectable pointers, with
 // append at the tail in constant time. It is the bucket list of the hash
 // tables, and a sequenceable collection of its own. Owns its links, never the
-// elements.
+// elements. One link lives inside the list object itself: most buckets hold
+// one element, and a lookup then reaches it without another cache miss.
 #pragma once
 
 #include <cstddef>
@@ -61,10 +62,14 @@ class CORVANTH_EXPORT RWSlistCollectables : public RWSequenceable {
  private:
   friend class RWSlistCollectablesIterator;
   RWCollectable* unlink(Link* previous, Link* link);
+  Link* newLink(Link* next, RWCollectable* item);
+  void freeLink(Link* link);
 
   Link* mHead = nullptr;
   Link* mTail = nullptr;
   std::size_t mEntries = 0;
+  Link mInline{nullptr, nullptr};
+  bool mInlineInUse = false;
 };
 
 // Walks a list; can remove the current element and carry on behind it.

@@ -140,6 +140,56 @@ TEST(HashDictionary, TextLookupAnswersAsAStringProbeDoes) {
   EXPECT_EQ(dictionary.findValue("alpha"), objects[1].get());
 }
 
+// A key class of its own id: equal bytes, but never equal to a string probe.
+struct cOtherKey : RWCollectableString {
+  using RWCollectableString::RWCollectableString;
+  RWClassID isA() const override { return 7; }
+};
+
+// A pair that answers every probe with yes.
+struct cEagerPair : RWCollectableAssociation {
+  using RWCollectableAssociation::RWCollectableAssociation;
+  bool isEqual(RWCollectable const*) const override { return true; }
+};
+struct cEagerDictionary : RWHashDictionary {
+  using RWHashDictionary::RWHashDictionary;
+  RWCollectableAssociation* newAssociation(RWCollectable* key,
+                                           RWCollectable* value) const override {
+    return new cEagerPair(key, value);
+  }
+};
+
+TEST(HashDictionary, LookupsStillAskTheObjectsWhenKeysOrPairsAreOfOtherClasses) {
+  cOtherKey other("k");
+  RWCollectableString plainKey("k"), value("v"), probe("k");
+  RWHashDictionary dictionary;
+  dictionary.insertKeyAndValue(&other, &value);
+  EXPECT_EQ(dictionary.findValue(&probe), nullptr);
+  EXPECT_EQ(dictionary.findValue(std::string_view("k")), nullptr);
+  RWHashDictionary const copy(dictionary);
+  EXPECT_EQ(copy.findValue(std::string_view("k")), nullptr);
+  // The stored key is asked on insertion, and as a string class it takes the plain key for equal.
+  EXPECT_EQ(dictionary.insertKeyAndValue(&plainKey, &value), nullptr);
+  dictionary.clear();
+  dictionary.insertKeyAndValue(&plainKey, &value);
+  EXPECT_EQ(dictionary.findKey(&probe), &plainKey);
+
+  cEagerDictionary eager(11);
+  RWCollectableString stored("stored");
+  eager.insertKeyAndValue(&stored, &value);
+  // Any probe of the pair's bucket is found by the pair's own isEqual.
+  EXPECT_EQ(eager.findKey(std::string_view("stored")), &stored);
+  unsigned const bucket = RWCString::hash("stored", 6) % 11;
+  std::string other11;
+  for (int i = 0; other11.empty(); ++i) {
+    std::string const candidate = "x" + std::to_string(i);
+    if (RWCString::hash(candidate.data(), candidate.size()) % 11 == bucket) other11 = candidate;
+  }
+  EXPECT_EQ(eager.findKey(std::string_view(other11)), &stored);
+  RWCollectableString const otherProbe(other11);
+  EXPECT_EQ(eager.findKey(&otherProbe), &stored);
+}
+
 TEST(HashDictionary, CopiesShareKeysAndValuesButNotAssociations) {
   RWCollectableString a("a"), abcd("abcd"), va("va"), vb("vb");
   RWHashDictionary dictionary(11);
