@@ -4,11 +4,13 @@
 // thread that still holds the handle.
 //
 // Receiving reads ahead: a wait for a short piece takes whatever the kernel
-// has (up to kReadAhead bytes) and serves the next pieces from that, so a
-// stream of small frames costs one recv for many of them. A long piece is read
-// straight into the caller's buffer. The read-ahead belongs to the one
-// receiving thread; a TLS layer that takes over the descriptor must do so
-// before the first gReceive.
+// has (up to a window) and serves the next pieces from that, so a stream of
+// small frames costs one recv for many of them. A long piece is read straight
+// into the caller's buffer. The window follows the payloads: after a long one
+// it shrinks, so that the header read of the next long frame does not pull
+// its payload through the read-ahead (a copy more); a short payload widens it
+// again. The read-ahead belongs to the one receiving thread; a TLS layer that
+// takes over the descriptor must do so before the first gReceive.
 #include "LintelSocket.h"
 
 #include <fcntl.h>
@@ -77,6 +79,7 @@ using nSystemSocket::cUnspecifiedError;
 using tLimit = ecOptional<nTime::cDiff, nTime::zDiffEmpty>;
 
 constexpr int kReadAhead = 64 * 1024;
+constexpr int kNarrowWindow = 512;
 // A piece at least this long skips the read-ahead: one copy less, and the
 // kernel fills it with as few calls as it can.
 constexpr int kDirectFrom = 16 * 1024;
@@ -94,6 +97,7 @@ class cSocketHolder final : public iHolder {
   std::unique_ptr<char[]> mAhead;
   int mBegin = 0;
   int mEnd = 0;
+  int mWindow = kReadAhead;
 };
 
 cSocketHolder& gHolder(cHandleValid handle) {
@@ -331,7 +335,9 @@ ssize_t gRecv(int descriptor, char* buffer, std::size_t count, bool waitAll,
   }
 }
 
-bool gFill(cSocketHolder& holder, int count, char* buffer, std::optional<nTime::cPoint> deadline) {
+bool gFill(cSocketHolder& holder, int count, char* buffer, bool insideMessage,
+           std::optional<nTime::cPoint> deadline) {
+  if (insideMessage) holder.mWindow = count >= kDirectFrom ? kNarrowWindow : kReadAhead;
   int const buffered = holder.mEnd - holder.mBegin;
   if (buffered >= count) {
     std::memcpy(buffer, holder.mAhead.get() + holder.mBegin, static_cast<std::size_t>(count));
@@ -354,7 +360,8 @@ bool gFill(cSocketHolder& holder, int count, char* buffer, std::optional<nTime::
     }
     if (!holder.mAhead) holder.mAhead.reset(new char[kReadAhead]);
     ssize_t const received =
-        gRecv(holder.fDescriptor(), holder.mAhead.get(), kReadAhead, false, deadline);
+        gRecv(holder.fDescriptor(), holder.mAhead.get(),
+              static_cast<std::size_t>(std::max(holder.mWindow, rest)), false, deadline);
     if (received <= 0) return false;
     int const taken = std::min(rest, static_cast<int>(received));
     std::memcpy(buffer + done, holder.mAhead.get(), static_cast<std::size_t>(taken));
@@ -504,7 +511,7 @@ bool gReceive(cHandleValid handle, int count, char* buffer, bool insideMessage,
   if (limit > nTime::cDiff()) {
     deadline = (latency != nullptr ? start : nTime::cPoint::gNow()) + limit;
   }
-  if (!gFill(holder, count, buffer, deadline)) return false;
+  if (!gFill(holder, count, buffer, insideMessage, deadline)) return false;
   if (latency != nullptr) {
     nTime::cDiff const took = nTime::cPoint::gNow() - start;
     if (took >= latency->fReportFrom()) latency->fCurrent(took);
