@@ -118,7 +118,7 @@ cCorvanthMessage& cCorvanthMessage::operator=(const cCorvanthMessage& other) {
   return *this;
 }
 
-cCorvanthMessage::~cCorvanthMessage() {
+cCorvanthMessage::~cCorvanthMessage() noexcept(false) {
   gDropBlock(mPackedBuf, mShares);
   mPackedBuf = nullptr;
   mShares = nullptr;

@@ -64,7 +64,9 @@ class CORVANTH_EXPORT cCorvanthMessage {
   cCorvanthMessage();
   cCorvanthMessage(const cCorvanthMessage& other);
   cCorvanthMessage& operator=(const cCorvanthMessage& other);
-  virtual ~cCorvanthMessage();
+  // A derived message may raise while it ends; NVSDeleteMsg is the place
+  // that catches and logs it, so the destructor lets it through.
+  virtual ~cCorvanthMessage() noexcept(false);
 
   unsigned int getMessageId() const { return mMessageId; }
   const char* getToHost() const { return mToHost; }

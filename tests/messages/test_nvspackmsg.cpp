@@ -1,3 +1,5 @@
+#include <stdexcept>
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -68,6 +70,29 @@ TEST(TypedObjects, MessageTakesTheObjectsBufferOver) {
   NVSDeleteMsg(message);
   NVSDeleteMsg(nullptr);
   EXPECT_EQ(NVSTmo2Cvm(nullptr), nullptr);
+}
+
+// A message whose end raises, as a derived message of a caller may.
+template <class Raised>
+class cRaisingMessage : public cCorvanthMessage {
+ public:
+  using cCorvanthMessage::cCorvanthMessage;
+  ~cRaisingMessage() noexcept(false) override { throw Raised(); }
+};
+struct cNotAnException {};
+struct cEndFailed : std::runtime_error {
+  cEndFailed() : std::runtime_error("message end failed") {}
+};
+
+TEST(TypedObjects, DeletingAMessageNeverEndsTheCaller) {
+  cLogCapture capture;
+  NVSDeleteMsg(new cRaisingMessage<cEndFailed>());
+  NVSDeleteMsg(new cRaisingMessage<cNotAnException>());
+  auto caught = capture.fAt("Nvspackmsg", 28);
+  ASSERT_EQ(caught.size(), 1u);
+  EXPECT_EQ(caught[0].text, "message end failed");
+  ASSERT_EQ(capture.fAt("Nvspackmsg", 32).size(), 1u);
+  EXPECT_EQ(capture.fAt("Nvspackmsg", 32)[0].text, "");
 }
 
 TEST(TypedObjects, EmptyDataIsLoggedAndHostileBlocksAreKeptInside) {
