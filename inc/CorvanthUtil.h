@@ -29,15 +29,15 @@
 #include "netmsg.h"
 #include "packmsg.h"
 
-// sockets
-#include "LintelSocket.h"
-#include "basesocket.h"
-#include "streamsocket.h"
-
 // events and process groups
 #include "KRPlatform.h"
 #include "clntsrv.h"
 #include "processgroupmanager.h"
+
+// sockets
+#include "LintelSocket.h"
+#include "basesocket.h"
+#include "streamsocket.h"
 
 // containers
 #include "rwassoc.h"

@@ -64,7 +64,7 @@ TEST(AssociativeArray, AbsentKeyRaisesWithKeyAndStringFormAndInsertsNothing) {
     ADD_FAILURE() << "no exception";
   } catch (CAssoKeyDoesNotExistException const& e) {
     std::string what = e.what();
-    EXPECT_NE(what.find("missing"), std::string::npos) << what;
+    EXPECT_NE(what.find("The parameter \"missing\" does not exist"), std::string::npos) << what;
     EXPECT_NE(what.find("1 '1 a '1 1 "), std::string::npos) << what;
   }
   EXPECT_EQ(array.entries(), before);
