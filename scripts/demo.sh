@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds the library and the corvanth tool, and runs the tool's demo.
+# Builds the library and the corvanth tool, and runs the tool's demos: the
+# log records of every tag, and one message between two processes.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
@@ -8,3 +9,19 @@ cmake -S . -B build-demo -G Ninja -DCMAKE_BUILD_TYPE=Release \
 cmake --build build-demo --target corvanth
 ./build-demo/tools/corvanth --version
 ./build-demo/tools/corvanth log-demo
+
+# One request on its road between two processes: parameters in an array, its
+# string form in a message, the message in a frame, and back again.
+echo
+echo "== corvanth serve and corvanth send: one message with parameters, and its answer"
+exec 3< <(./build-demo/tools/corvanth serve --count 1 --name agent)
+server=$!
+trap 'kill "$server" 2>/dev/null || true' EXIT
+read -r -t 20 first <&3 || { echo "demo: the server did not start" >&2; exit 1; }
+echo "[serve] $first"
+./build-demo/tools/corvanth send --port "${first##*:}" --to agent@localhost --from console@demo \
+  --type 5 --subtype 2 --id 7 user=alice speed=3 'note=zero\0byte' \
+  'script={name=checkout,steps=3}' | sed 's/^/[send]  /'
+sed 's/^/[serve] /' <&3
+exec 3<&-
+wait "$server"

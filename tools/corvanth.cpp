@@ -3,6 +3,9 @@
 //   corvanth --version        print the library's version
 //   corvanth log-demo         write one log record of each tag to standard output
 //   corvanth group ...        start commands as one process group, kill it newest first
+//   corvanth serve ...        answer messages whose data is a parameter string form
+//   corvanth send ...         send one such message and print the answer
+//   corvanth local_thr ...    frame throughput between two processes, with remote_thr
 //   corvanth help             this text
 //
 // Exit codes: 0 success, 1 failure while running, 2 bad usage.
@@ -23,11 +26,13 @@
 #include <vector>
 
 #include "CorvanthUtil.h"
+#include "corvanth_net.h"
 
 namespace {
 
 int gUsage(FILE* out) {
-  std::fputs(
+  std::fprintf(
+      out,
       "usage: corvanth <command>\n"
       "\n"
       "commands:\n"
@@ -38,13 +43,14 @@ int gUsage(FILE* out) {
       "               start the commands as one named process group; on SIGINT, SIGTERM, the\n"
       "               time-out or when all have ended, kill them newest first and print each\n"
       "               kill step's outcome (exit 1 unless every kill step succeeded)\n"
+      "%s"
       "  help         print this text\n"
       "\n"
       "environment:\n"
       "  CORVANTH_LOG       tags or groups that reach the default log target\n"
       "                     (comma list, 'all' or 'none'; default: errors,warnings)\n"
       "  CORVANTH_LOG_FILE  append log records to this file instead of standard error\n",
-      out);
+      nCorvanthTool::gNetUsage().c_str());
   return out == stdout ? 0 : 2;
 }
 
@@ -220,6 +226,10 @@ int main(int argc, char** argv) {
   if (command == "help" || command == "--help" || command == "-h") return gUsage(stdout);
   if (command == "log-demo") return gLogDemo();
   if (command == "group") return gGroup(argc, argv);
+  if (command == "serve") return nCorvanthTool::gServe(argc, argv);
+  if (command == "send") return nCorvanthTool::gSend(argc, argv);
+  if (command == "local_thr") return nCorvanthTool::gLocalThr(argc, argv);
+  if (command == "remote_thr") return nCorvanthTool::gRemoteThr(argc, argv);
   std::fprintf(stderr, "corvanth: unknown command '%s'\n\n", argv[1]);
   return gUsage(stderr);
 }

@@ -288,7 +288,7 @@ cHandleValid gConnectAny(char const* host, unsigned short port, cSocketOptions c
     error = errno;
     tried += (tried.empty() ? "" : ", ") + text;
   }
-  gRaise("connect to", name + " (" + tried + ")", error);
+  gRaise("connect to", tried == name ? name : name + " (" + tried + ")", error);
 }
 
 // Binds and listens; -1 with errno set. dualStack: an IPv6 socket that takes

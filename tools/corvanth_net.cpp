@@ -1,0 +1,596 @@
+// serve, send, local_thr and remote_thr: the road of one request, string form
+// to string form, between two processes.
+//
+// Parameters on the command line are key=value. Values take the escapes \\,
+// \0, \n, \r, \t and \xNN, so any byte can travel; a value written {k=v,...}
+// becomes the string form of a nested array of those couples (nesting allowed;
+// write a literal comma, brace or backslash inside one, or a leading brace,
+// with \xNN or \\).
+// Printed keys and values escape the same way, with their byte counts, so two
+// printouts are equal exactly when the bytes are.
+#include "corvanth_net.h"
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "AssociativeArray.h"
+#include "CorvanthAddress.h"
+#include "LintelSocket.h"
+#include "netmsg.h"
+#include "rwcollstr.h"
+#include "rwhashdict.h"
+#include "streamsocket.h"
+
+namespace nCorvanthTool {
+
+namespace {
+
+char const* const kServeUsage =
+    "  serve [--host <address>] [--port <port>] [--name <client>] [--count <n>]\n"
+    "               listen (default 127.0.0.1, a free port; the first line says which),\n"
+    "               print each message's envelope and parameters and answer it with the\n"
+    "               same parameters; stop after <n> messages, or on SIGINT or SIGTERM\n";
+char const* const kSendUsage =
+    "  send --port <port> [--host <address>] [--to <client@host>] [--from <client@host>]\n"
+    "       [--type <n>] [--subtype <n>] [--qtype <n>] [--id <n>] [--timeout <seconds>]\n"
+    "       <key>=<value>...\n"
+    "               send one message with these parameters and print the answer; values\n"
+    "               take the escapes \\\\ \\0 \\n \\r \\t \\xNN, and {k=v,...} is a nested array\n";
+char const* const kLocalThrUsage =
+    "  local_thr [--host <address>] [--port <port>] <size> <count>\n"
+    "               take <count> frames of <size> bytes from one connection and print the\n"
+    "               throughput (start it first; remote_thr sends)\n";
+char const* const kRemoteThrUsage =
+    "  remote_thr --port <port> [--host <address>] <size> <count>\n"
+    "               send <count> frames of <size> bytes to local_thr\n";
+
+}  // namespace
+
+std::string gNetUsage() {
+  return std::string(kServeUsage) + kSendUsage + kLocalThrUsage + kRemoteThrUsage;
+}
+
+namespace {
+
+namespace nSock = nCommunication::nSocket;
+
+// Bad usage; the text says what was wrong.
+struct cUsageError {
+  std::string mText;
+};
+
+// --name value options, then positional arguments.
+class cArguments {
+ public:
+  cArguments(int argc, char** argv, std::vector<std::string_view> const& options) {
+    for (int at = 2; at < argc; ++at) {
+      std::string_view const word = argv[at];
+      if (word.size() > 2 && word.substr(0, 2) == "--") {
+        if (std::find(options.begin(), options.end(), word) == options.end()) {
+          throw cUsageError{"unknown option " + std::string(word)};
+        }
+        if (at + 1 >= argc) throw cUsageError{std::string(word) + " needs a value"};
+        mOptions[std::string(word)] = argv[++at];
+      } else {
+        mPositional.emplace_back(word);
+      }
+    }
+  }
+  std::string fText(std::string const& name, std::string const& otherwise) const {
+    auto const found = mOptions.find(name);
+    return found == mOptions.end() ? otherwise : found->second;
+  }
+  bool fHas(std::string const& name) const { return mOptions.count(name) != 0; }
+  long long fNumber(std::string const& name, long long otherwise, long long low,
+                    long long high) const {
+    auto const found = mOptions.find(name);
+    return found == mOptions.end() ? otherwise : gNumber(found->second, low, high, name);
+  }
+  std::vector<std::string> const& fPositional() const { return mPositional; }
+
+  static long long gNumber(std::string const& text, long long low, long long high,
+                           std::string const& what) {
+    char* end = nullptr;
+    errno = 0;
+    long long const value = std::strtoll(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || errno != 0 || value < low || value > high) {
+      throw cUsageError{what + " must be a whole number from " + std::to_string(low) + " to " +
+                        std::to_string(high) + ", not '" + text + "'"};
+    }
+    return value;
+  }
+
+ private:
+  std::map<std::string, std::string> mOptions;
+  std::vector<std::string> mPositional;
+};
+
+std::string gEscape(std::string_view bytes) {
+  std::string out;
+  for (unsigned char const byte : bytes) {
+    if (byte == '\\') {
+      out += "\\\\";
+    } else if (byte >= 32 && byte < 127) {
+      out += static_cast<char>(byte);
+    } else {
+      char hex[5];
+      std::snprintf(hex, sizeof hex, "\\x%02x", byte);
+      out += hex;
+    }
+  }
+  return out;
+}
+
+std::string gUnescape(std::string_view text) {
+  std::string out;
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    if (text[at] != '\\') {
+      out += text[at];
+      continue;
+    }
+    if (++at == text.size()) throw cUsageError{"a value ends in a lone backslash"};
+    switch (text[at]) {
+      case '\\':
+        out += '\\';
+        break;
+      case '0':
+        out += '\0';
+        break;
+      case 'n':
+        out += '\n';
+        break;
+      case 'r':
+        out += '\r';
+        break;
+      case 't':
+        out += '\t';
+        break;
+      case 'x': {
+        auto const digit = [&](std::size_t i) {
+          if (i >= text.size() || !std::isxdigit(static_cast<unsigned char>(text[i]))) {
+            throw cUsageError{"\\x needs two hexadecimal digits"};
+          }
+          char const c = static_cast<char>(std::tolower(static_cast<unsigned char>(text[i])));
+          return c <= '9' ? c - '0' : c - 'a' + 10;
+        };
+        out += static_cast<char>(digit(at + 1) * 16 + digit(at + 2));
+        at += 2;
+        break;
+      }
+      default:
+        throw cUsageError{std::string("unknown escape \\") + text[at]};
+    }
+  }
+  return out;
+}
+
+// The pieces of text between separators that stand outside braces.
+std::vector<std::string_view> gSplitOutsideBraces(std::string_view text, char separator) {
+  std::vector<std::string_view> pieces;
+  int depth = 0;
+  std::size_t start = 0;
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    if (text[at] == '\\') {
+      ++at;
+    } else if (text[at] == '{') {
+      ++depth;
+    } else if (text[at] == '}') {
+      if (--depth < 0) throw cUsageError{"a '}' without its '{' in " + std::string(text)};
+    } else if (text[at] == separator && depth == 0) {
+      pieces.push_back(text.substr(start, at - start));
+      start = at + 1;
+    }
+  }
+  if (depth != 0) throw cUsageError{"a '{' without its '}' in " + std::string(text)};
+  pieces.push_back(text.substr(start));
+  return pieces;
+}
+
+std::string gStringForm(CAssociativeArray const& array) {
+  char const* text = nullptr;
+  int length = 0;
+  array.ToString(text, length, false, false);
+  return std::string(text, static_cast<std::size_t>(length));
+}
+
+void gAddParameter(CAssociativeArray& array, std::string_view argument);
+
+// "{k=v,...}": the string form of a nested array; anything else: the bytes.
+std::string gValue(std::string_view text) {
+  if (!text.empty() && text.front() == '{') {
+    if (text.size() < 2 || text.back() != '}') {
+      throw cUsageError{"a nested array {k=v,...} lacks its closing '}': " + std::string(text)};
+    }
+    CAssociativeArray nested;
+    std::string_view const inside = text.substr(1, text.size() - 2);
+    if (inside.empty()) throw cUsageError{"a nested array {} needs at least one couple"};
+    for (std::string_view couple : gSplitOutsideBraces(inside, ',')) gAddParameter(nested, couple);
+    return gStringForm(nested);
+  }
+  return gUnescape(text);
+}
+
+void gAddParameter(CAssociativeArray& array, std::string_view argument) {
+  std::size_t const equals = argument.find('=');
+  if (equals == std::string_view::npos || equals == 0) {
+    throw cUsageError{"a parameter is <key>=<value>, not '" + std::string(argument) + "'"};
+  }
+  std::string const key = gUnescape(argument.substr(0, equals));
+  if (key.find('\0') != std::string::npos) throw cUsageError{"a key cannot hold a zero byte"};
+  std::string const value = gValue(argument.substr(equals + 1));
+  array.AddCouple(key.c_str(), value.data(), static_cast<int>(value.size()));
+}
+
+// Couples by key, so that a printout does not depend on the table's order.
+std::map<std::string, std::string> gCouples(CAssociativeArray const& array) {
+  std::map<std::string, std::string> couples;
+  CAssociativeArray view(array);
+  RWHashDictionaryIterator next(view);
+  while (RWCollectable* const key = next()) {
+    auto const* const keyText = dynamic_cast<RWCollectableString const*>(key);
+    auto const* const valueText = dynamic_cast<RWCollectableString const*>(next.value());
+    if (keyText == nullptr) continue;
+    couples[*keyText] = valueText != nullptr ? std::string(*valueText) : std::string();
+  }
+  return couples;
+}
+
+void gPrintParameters(CAssociativeArray const& array) {
+  for (auto const& [key, value] : gCouples(array)) {
+    std::printf("    %s (%zu bytes) = %s\n", gEscape(key).c_str(), value.size(),
+                gEscape(value).c_str());
+  }
+}
+
+void gPrintEnvelope(char const* what, cCorvanthMessage const& message) {
+  std::printf(
+      "%s message %u from %s@%s to %s@%s, queue type %d, type %d, subtype %d, %u data bytes\n",
+      what, message.getMessageId(), message.getFromClient(), message.getFromHost(),
+      message.getToClient(), message.getToHost(), static_cast<int>(message.getQtype()),
+      message.getType(), message.getSubtype(), message.getDatalen());
+}
+
+// The parameters of a received message; false (and a note) when its data is
+// not a string form.
+bool gReadParameters(cCorvanthMessage const& message, CAssociativeArray& into) {
+  // A copy ends in a zero byte, which the reader's length rule needs.
+  std::string const data(message.getData() != nullptr ? message.getData() : "",
+                         message.getDatalen());
+  try {
+    into.FromString(data.c_str(), static_cast<int>(data.size()));
+    return true;
+  } catch (std::exception const& error) {
+    std::printf("    (the data is no string form: %s)\n", error.what());
+    return false;
+  }
+}
+
+struct cReceived {
+  bool mOk = false;
+  cCorvanthMessage mMessage;
+};
+
+cReceived gReceiveMessage(StreamSocket& socket) {
+  cReceived received;
+  short type = 0;
+  short subtype = 0;
+  char* bytes = nullptr;
+  int length = 0;
+  if (!socket.WaitTypedMessageZ1(type, subtype, bytes, length, nullptr)) return received;
+  received.mMessage = cCorvanthMessage(bytes != nullptr ? bytes : "",
+                                       static_cast<unsigned int>(length), type, subtype);
+  socket.FreeMessage(bytes);
+  received.mOk = true;
+  return received;
+}
+
+bool gSendMessage(StreamSocket& socket, cCorvanthMessage const& message) {
+  return socket.SendTypedMessageZ2(message.getType(), message.getSubtype(), message.getPackedBuf(),
+                                   static_cast<int>(message.getPackedBufLen()));
+}
+
+// Ends a blocking serve on SIGINT or SIGTERM: a thread of its own takes the
+// signal and closes the sockets, which wakes the blocked accept or read.
+class cStopper {
+ public:
+  cStopper() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &signals, &mPrevious);
+    mThread = std::thread([this, signals] {
+      int signal = 0;
+      while (sigwait(&signals, &signal) == 0 && signal != SIGUSR1) {
+        std::lock_guard const lock(mMutex);
+        mStopped = true;
+        for (StreamSocket* socket : {mListener, mConnection}) {
+          if (socket != nullptr) socket->CloseSocket();
+        }
+      }
+    });
+  }
+  cStopper(cStopper const&) = delete;
+  cStopper& operator=(cStopper const&) = delete;
+  ~cStopper() {
+    pthread_kill(mThread.native_handle(), SIGUSR1);
+    mThread.join();
+    pthread_sigmask(SIG_SETMASK, &mPrevious, nullptr);
+  }
+  // What a stop closes; null when that socket goes.
+  void fWatch(StreamSocket* listener, StreamSocket* connection) {
+    std::lock_guard const lock(mMutex);
+    mListener = listener;
+    mConnection = connection;
+    if (mStopped) {
+      for (StreamSocket* socket : {mListener, mConnection}) {
+        if (socket != nullptr) socket->CloseSocket();
+      }
+    }
+  }
+  bool fStopped() {
+    std::lock_guard const lock(mMutex);
+    return mStopped;
+  }
+
+ private:
+  std::mutex mMutex;
+  bool mStopped = false;
+  StreamSocket* mListener = nullptr;
+  StreamSocket* mConnection = nullptr;
+  sigset_t mPrevious{};
+  std::thread mThread;
+};
+
+// Runs a verb: bad usage is exit 2 with the verb's usage, a failure exit 1.
+template <class Verb>
+int gRun(char const* name, char const* usage, Verb&& verb) {
+  try {
+    return verb();
+  } catch (cUsageError const& error) {
+    std::fprintf(stderr, "corvanth %s: %s\nusage:\n%s", name, error.mText.c_str(), usage);
+    return 2;
+  } catch (std::exception const& error) {
+    std::fprintf(stderr, "corvanth %s: %s\n", name, error.what());
+    return 1;
+  }
+}
+
+std::pair<StreamSocket*, unsigned short> gListen(std::string const& host, unsigned short port,
+                                                 std::unique_ptr<StreamSocket>& holder) {
+  nSock::cHandleValid const handle = nSock::gCreateListenerOn(host, port);
+  unsigned short const bound = nSock::gLocalPort(handle);
+  holder = std::make_unique<StreamSocket>(handle, false, nullptr, false, false, "");
+  holder->setPort(bound, StreamSocket::ListeningPort);
+  std::printf("listening on %s:%u\n", host.c_str(), static_cast<unsigned>(bound));
+  std::fflush(stdout);
+  return {holder.get(), bound};
+}
+
+}  // namespace
+
+int gServe(int argc, char** argv) {
+  return gRun("serve", kServeUsage, [&] {
+    cArguments const arguments(argc, argv, {"--host", "--port", "--name", "--count"});
+    if (!arguments.fPositional().empty()) {
+      throw cUsageError{"serve takes no parameters, not '" + arguments.fPositional()[0] + "'"};
+    }
+    std::string const host = arguments.fText("--host", "127.0.0.1");
+    auto const port = static_cast<unsigned short>(arguments.fNumber("--port", 0, 0, 65535));
+    long long const count = arguments.fNumber("--count", 0, 0, 1LL << 62);
+    std::string const name = arguments.fText("--name", "corvanth-serve");
+
+    cStopper stopper;
+    std::unique_ptr<StreamSocket> listener;
+    gListen(host, port, listener);
+    std::printf("serving as %s%s\n", name.c_str(),
+                count > 0 ? (", for " + std::to_string(count) + " message(s)").c_str() : "");
+    std::fflush(stdout);
+    stopper.fWatch(listener.get(), nullptr);
+    long long answered = 0;
+    while (!stopper.fStopped() && (count == 0 || answered < count)) {
+      auto [accepted, ssl, ignored] = listener->Accept(nSock::cSocketOptions());
+      if (!accepted.fIsValid()) break;
+      StreamSocket connection(nSock::gValidate(accepted), false, ssl, false, false, "");
+      stopper.fWatch(listener.get(), &connection);
+      std::printf("connection accepted\n");
+      while (count == 0 || answered < count) {
+        cReceived received = gReceiveMessage(connection);
+        if (!received.mOk) {
+          std::printf("connection ended\n");
+          break;
+        }
+        cCorvanthMessage const& message = received.mMessage;
+        gPrintEnvelope("received", message);
+        if (std::strcmp(message.getToClient(), name.c_str()) != 0) {
+          std::printf("    (addressed to %s, answered all the same)\n", message.getToClient());
+        }
+        CAssociativeArray parameters;
+        if (gReadParameters(message, parameters)) {
+          gPrintParameters(parameters);
+        } else {
+          parameters.AddCouple("$ERROR", "the data of the message is no string form");
+        }
+        std::string const form = gStringForm(parameters);
+        cCorvanthMessage const answer(
+            message.getMessageId(), message.getFromHost(), message.getFromClient(),
+            message.getToHost(), message.getToClient(), message.getQtype(), message.getType(),
+            message.getSubtype(), form.data(), static_cast<unsigned int>(form.size()));
+        if (!gSendMessage(connection, answer)) {
+          std::fprintf(stderr, "corvanth serve: cannot answer message %u: the peer is gone\n",
+                       message.getMessageId());
+          break;
+        }
+        ++answered;
+        std::printf("answered message %u\n", message.getMessageId());
+        std::fflush(stdout);
+      }
+      stopper.fWatch(listener.get(), nullptr);
+      connection.CloseSocket();
+      std::fflush(stdout);
+    }
+    stopper.fWatch(nullptr, nullptr);
+    listener->CloseSocket();
+    std::printf("stopped after %lld answered message(s)\n", answered);
+    return 0;
+  });
+}
+
+int gSend(int argc, char** argv) {
+  return gRun("send", kSendUsage, [&] {
+    cArguments const arguments(argc, argv,
+                               {"--host", "--port", "--to", "--from", "--type", "--subtype",
+                                "--qtype", "--id", "--timeout"});
+    if (!arguments.fHas("--port")) throw cUsageError{"send needs --port"};
+    std::string const host = arguments.fText("--host", "127.0.0.1");
+    auto const port = static_cast<unsigned short>(arguments.fNumber("--port", 0, 1, 65535));
+    CCorvanthAddress const to(arguments.fText("--to", "corvanth-serve@" + host).c_str());
+    CCorvanthAddress const from(
+        arguments.fText("--from", "corvanth-send@" + nSock::gGetLocalHostName()).c_str());
+    auto const type = static_cast<short>(arguments.fNumber("--type", 1, -32768, 32767));
+    auto const subtype = static_cast<short>(arguments.fNumber("--subtype", 0, -32768, 32767));
+    auto const qtype =
+        static_cast<std::int32_t>(arguments.fNumber("--qtype", 0, -2147483647LL - 1, 2147483647LL));
+    auto const id = static_cast<unsigned int>(arguments.fNumber("--id", 1, 0, 4294967295LL));
+    long long const timeout = arguments.fNumber("--timeout", 10, 1, 86400);
+    if (arguments.fPositional().empty()) throw cUsageError{"send needs at least one <key>=<value>"};
+
+    CAssociativeArray parameters;
+    for (std::string const& argument : arguments.fPositional()) gAddParameter(parameters, argument);
+    std::string const form = gStringForm(parameters);
+    cCorvanthMessage const message(id, to.HostName(), to.ClientName(), from.HostName(),
+                                   from.ClientName(), static_cast<QType>(qtype), type, subtype,
+                                   form.data(), static_cast<unsigned int>(form.size()));
+
+    nSock::cSocketOptions options;
+    options.fSetConnectTimeout(nTime::cDiff::gSeconds(timeout));
+    options.fSetReceiveTimeout(nTime::cDiff::gSeconds(timeout));
+    StreamSocket socket;
+    socket.Connect(host, port, options);
+    gPrintEnvelope("sending", message);
+    gPrintParameters(parameters);
+    std::fflush(stdout);
+    if (!gSendMessage(socket, message)) {
+      throw std::runtime_error("the connection broke while the message went out");
+    }
+    auto const start = std::chrono::steady_clock::now();
+    cReceived received = gReceiveMessage(socket);
+    if (!received.mOk) {
+      bool const late = std::chrono::steady_clock::now() - start >= std::chrono::seconds(timeout);
+      throw std::runtime_error(late ? "no answer within " + std::to_string(timeout) + " s"
+                                    : std::string("the server closed the connection without an "
+                                                  "answer"));
+    }
+    gPrintEnvelope("answer:", received.mMessage);
+    CAssociativeArray answer;
+    bool const readable = gReadParameters(received.mMessage, answer);
+    if (readable) gPrintParameters(answer);
+    socket.CloseSocket();
+    bool const same = readable && gCouples(answer) == gCouples(parameters);
+    std::printf("the answer carries %s\n",
+                same ? "every parameter back byte for byte" : "other parameters than were sent");
+    return 0;
+  });
+}
+
+int gLocalThr(int argc, char** argv) {
+  return gRun("local_thr", kLocalThrUsage, [&] {
+    cArguments const arguments(argc, argv, {"--host", "--port"});
+    if (arguments.fPositional().size() != 2) throw cUsageError{"local_thr needs <size> <count>"};
+    std::string const host = arguments.fText("--host", "127.0.0.1");
+    auto const port = static_cast<unsigned short>(arguments.fNumber("--port", 0, 0, 65535));
+    long long const size =
+        cArguments::gNumber(arguments.fPositional()[0], 0, 1 << 30, "the message size");
+    long long const count =
+        cArguments::gNumber(arguments.fPositional()[1], 1, 1LL << 40, "the message count");
+
+    std::unique_ptr<StreamSocket> listener;
+    gListen(host, port, listener);
+    auto [accepted, ssl, ignored] = listener->Accept(nSock::cSocketOptions());
+    listener->CloseSocket();
+    if (!accepted.fIsValid()) throw std::runtime_error("no connection came");
+    StreamSocket connection(nSock::gValidate(accepted), false, ssl, false, false, "");
+    std::chrono::steady_clock::time_point start;
+    for (long long k = 0; k < count; ++k) {
+      short type = 0;
+      short subtype = 0;
+      char* bytes = nullptr;
+      int length = 0;
+      if (!connection.WaitTypedMessageZ1(type, subtype, bytes, length, nullptr)) {
+        throw std::runtime_error("the connection ended after " + std::to_string(k) + " messages");
+      }
+      connection.FreeMessage(bytes);
+      if (k == 0) start = std::chrono::steady_clock::now();
+      if (length != size) {
+        throw std::runtime_error("message " + std::to_string(k) + " has " + std::to_string(length) +
+                                 " bytes, not " + std::to_string(size));
+      }
+    }
+    double const seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    connection.SendTypedMessageZ2(0, 0, "done", 4);
+    connection.CloseSocket();
+    // The clock starts at the first message, so count - 1 of them are timed.
+    double const rate = count > 1 && seconds > 0 ? double(count - 1) / seconds : 0;
+    std::printf("message size: %lld [B]\nmessage count: %lld\n", size, count);
+    std::printf("mean throughput: %.0f [msg/s]\nmean throughput: %.3f [Mb/s]\n", rate,
+                rate * double(size) * 8 / 1e6);
+    return 0;
+  });
+}
+
+int gRemoteThr(int argc, char** argv) {
+  return gRun("remote_thr", kRemoteThrUsage, [&] {
+    cArguments const arguments(argc, argv, {"--host", "--port"});
+    if (arguments.fPositional().size() != 2) throw cUsageError{"remote_thr needs <size> <count>"};
+    if (!arguments.fHas("--port")) throw cUsageError{"remote_thr needs --port"};
+    std::string const host = arguments.fText("--host", "127.0.0.1");
+    auto const port = static_cast<unsigned short>(arguments.fNumber("--port", 0, 1, 65535));
+    long long const size =
+        cArguments::gNumber(arguments.fPositional()[0], 0, 1 << 30, "the message size");
+    long long const count =
+        cArguments::gNumber(arguments.fPositional()[1], 1, 1LL << 40, "the message count");
+
+    std::vector<char> const payload(static_cast<std::size_t>(size), 'm');
+    nSock::cSocketOptions options;
+    options.fSetReceiveTimeout(nTime::cDiff::gSeconds(60));
+    StreamSocket socket;
+    socket.Connect(host, port, options);
+    for (long long k = 0; k < count; ++k) {
+      if (!socket.SendTypedMessageZ2(1, 0, payload.data(), static_cast<int>(size))) {
+        throw std::runtime_error("the connection broke after " + std::to_string(k) + " messages");
+      }
+    }
+    short type = 0;
+    short subtype = 0;
+    char* bytes = nullptr;
+    int length = 0;
+    bool const acknowledged = socket.WaitTypedMessageZ1(type, subtype, bytes, length, nullptr);
+    socket.FreeMessage(bytes);
+    socket.CloseSocket();
+    if (!acknowledged) throw std::runtime_error("local_thr did not confirm the messages");
+    std::printf("sent %lld messages of %lld bytes\n", count, size);
+    return 0;
+  });
+}
+
+}  // namespace nCorvanthTool
