@@ -301,11 +301,4 @@ TEST(LintelActivationReadLock, EachCopyHoldsAndGivesBackOneShare) {
   EXPECT_TRUE(capture.fWithText("Debug section failed").empty());
 }
 
-TEST(LintelHost, LocalHostNameIsTheSystemsName) {
-  char name[256] = {};
-  ASSERT_EQ(gethostname(name, sizeof name - 1), 0);
-  EXPECT_EQ(nSock::gGetLocalHostName(), name);
-  EXPECT_EQ(&nSock::gGetLocalHostName(), &nSock::gGetLocalHostName());
-}
-
 }  // namespace
