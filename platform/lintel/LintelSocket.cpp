@@ -401,9 +401,10 @@ cHandleValid gCreateListener(unsigned short port) {
     descriptor = gListenOne(AF_INET, reinterpret_cast<sockaddr*>(&any4), sizeof any4, false);
   }
   if (descriptor < 0) {
+    int const error = errno;
     std::string const address = "*:" + std::to_string(port);
-    if (errno == EADDRINUSE) gRaiseInUse(address);
-    gRaise("listen on", address, errno);
+    if (error == EADDRINUSE) gRaiseInUse(address);
+    gRaise("listen on", address, error);
   }
   return gAdoptListener(descriptor);
 }
