@@ -1,72 +1,51 @@
-#include <stdexcept>
-
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <stdexcept>
 #include <string>
 
 #include "LogCapture.h"
+#include "MessageHelpers.h"
 #include "Nvspackmsg.h"
-#include "netmsg.h"
 
 namespace {
 
-using corvanth::test::cLogCapture;
+using namespace corvanth::test;
 
 std::string gHeaderBytes(long length, short type, short subtype) {
   c_MessageHeader header{};
   SSMMakeMessageHeader(length, type, subtype, &header);
+  EXPECT_EQ(header.fLength(), length);
+  EXPECT_EQ(header.fType(), type);
+  EXPECT_EQ(header.fSubtype(), subtype);
   return std::string(reinterpret_cast<const char*>(&header), sizeof header);
 }
 
 TEST(FrameHeader, NetworkOrderBytes) {
   EXPECT_EQ(gHeaderBytes(57, 5, 2), std::string("\x00\x00\x00\x39\x00\x05\x00\x02", 8));
   EXPECT_EQ(gHeaderBytes(1, -1, 256), std::string("\x00\x00\x00\x01\xFF\xFF\x01\x00", 8));
-  EXPECT_EQ(gHeaderBytes(0, 0, 0), std::string(8, '\0'));
-
-  c_MessageHeader header{};
-  SSMMakeMessageHeader(0x12345678, -2, 300, &header);
-  EXPECT_EQ(header.fLength(), 0x12345678);
-  EXPECT_EQ(header.fType(), -2);
-  EXPECT_EQ(header.fSubtype(), 300);
+  EXPECT_EQ(gHeaderBytes(0x12345678, -2, 300), std::string("\x12\x34\x56\x78\xFF\xFE\x01\x2C", 8));
 }
 
 // Tells the test when the object is gone.
 class cWatchedObject : public cTypedMessageObject {
  public:
-  cWatchedObject(short type, short subtype, char* buffer, unsigned int length, bool& deleted)
-      : cTypedMessageObject(type, subtype, buffer, length), mDeleted(deleted) {}
+  cWatchedObject(char* buffer, unsigned int length, bool& deleted)
+      : cTypedMessageObject(5, 2, buffer, length), mDeleted(deleted) {}
   ~cWatchedObject() override { mDeleted = true; }
 
  private:
   bool& mDeleted;
 };
 
-char* gCopy(const std::string& bytes) {
-  char* buffer = new char[bytes.size()];
-  std::memcpy(buffer, bytes.data(), bytes.size());
-  return buffer;
-}
-
-const std::string kExample =
-    std::string("8 6 6 6 8 2 5 2 4 ") + std::string(
-                                            "host2\0agent\0host1\0console\0"
-                                            "3\0hello7\0"
-                                            "352\0",
-                                            39);
-
 TEST(TypedObjects, MessageTakesTheObjectsBufferOver) {
   bool deleted = false;
   char* buffer = gCopy(kExample);
-  cCorvanthMessage* message = NVSTmo2Cvm(new cWatchedObject(5, 2, buffer, 57, deleted));
+  cCorvanthMessage* message = NVSTmo2Cvm(new cWatchedObject(buffer, 57, deleted));
   ASSERT_NE(message, nullptr);
   EXPECT_TRUE(deleted);
   EXPECT_EQ(message->getPackedBuf(), buffer);
   EXPECT_EQ(message->getPackedBufLen(), 57u);
-  EXPECT_EQ(message->getType(), 5);
-  EXPECT_EQ(message->getSubtype(), 2);
-  EXPECT_STREQ(message->getFromClient(), "console");
-  EXPECT_EQ(message->getMessageId(), 7u);
+  EXPECT_EQ(gFields(*message), "agent@host2 from console@host1 q3 t5/2 id7 data hello");
   NVSDeleteMsg(message);
   NVSDeleteMsg(nullptr);
   EXPECT_EQ(NVSTmo2Cvm(nullptr), nullptr);
@@ -88,35 +67,30 @@ TEST(TypedObjects, DeletingAMessageNeverEndsTheCaller) {
   cLogCapture capture;
   NVSDeleteMsg(new cRaisingMessage<cEndFailed>());
   NVSDeleteMsg(new cRaisingMessage<cNotAnException>());
-  auto caught = capture.fAt("Nvspackmsg", 28);
-  ASSERT_EQ(caught.size(), 1u);
-  EXPECT_EQ(caught[0].text, "message end failed");
+  ASSERT_EQ(capture.fAt("Nvspackmsg", 28).size(), 1u);
+  EXPECT_EQ(capture.fAt("Nvspackmsg", 28)[0].text, "message end failed");
   ASSERT_EQ(capture.fAt("Nvspackmsg", 32).size(), 1u);
   EXPECT_EQ(capture.fAt("Nvspackmsg", 32)[0].text, "");
 }
 
-TEST(TypedObjects, EmptyDataIsLoggedAndHostileBlocksAreKeptInside) {
+TEST(TypedObjects, EmptyDataIsLoggedAndHostileBuffersAreKeptInside) {
   cLogCapture capture;
-  const std::string noData(
-      "6 2 2 3 3 2 0 h\0c\0fh\0fc\0"
-      "1\0",
-      26);
+  const std::string noData = gZ("6 2 2 3 3 2 0 h|c|fh|fc|1|");
   cCorvanthMessage empty(new cTypedMessageObject(0, 0, gCopy(noData), 26));
   EXPECT_EQ(capture.fAt("NETMSG", 63).size(), 1u);
   EXPECT_STREQ(empty.getFromHost(), "fh");
 
-  // The to-host field lacks its NUL and the block holds no zero to spare, so
+  // The to-host field lacks its NUL and the buffer holds no zero to spare, so
   // the message reads it from a copy with a zero behind it.
   const std::string noNul("2 5 3 host2abc", 14);
   cCorvanthMessage hostile(new cTypedMessageObject(0, 0, gCopy(noNul), 14));
-  EXPECT_EQ(std::string(hostile.getPackedBuf(), hostile.getPackedBufLen()), noNul);
+  EXPECT_EQ(gBlock(hostile), noNul);
   EXPECT_EQ(hostile.getToHost(), hostile.getPackedBuf() + 14);
-  EXPECT_STREQ(hostile.getToHost(), "");
-  EXPECT_STREQ(hostile.getFromClient(), "");
+  EXPECT_EQ(gFields(hostile), "@ from @ q0 t0/0 id4294967295 data (null)");
 
   cCorvanthMessage nothing(new cTypedMessageObject(0, 0, nullptr, 40));
   EXPECT_EQ(nothing.getPackedBufLen(), 0u);
-  EXPECT_STREQ(nothing.getToClient(), "");
+  EXPECT_EQ(gFields(nothing), "@ from @ q0 t0/0 id4294967295 data (null)");
 }
 
 }  // namespace
