@@ -15,22 +15,6 @@ namespace corvanth::test {
 
 void* cChild::fHandle() const { return reinterpret_cast<void*>(static_cast<std::intptr_t>(pid)); }
 
-cChild gStartChild(bool exitAtOnce) {
-  int life[2];
-  if (::pipe(life) != 0) throw std::runtime_error("pipe");
-  pid_t const pid = ::fork();
-  if (pid < 0) throw std::runtime_error("fork");
-  if (pid == 0) {
-    // Only async-signal-safe calls here; the child never outlives the test.
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    ::close(life[0]);
-    if (exitAtOnce) ::_exit(0);
-    for (;;) ::pause();
-  }
-  ::close(life[1]);
-  return cChild{pid, life[0]};
-}
-
 bool gIsGone(cChild const& child) {
   pollfd watch{child.lifeFd, POLLIN, 0};
   return ::poll(&watch, 1, 0) == 1 && (watch.revents & (POLLHUP | POLLIN)) != 0;
@@ -55,7 +39,19 @@ cChildren::~cChildren() {
 }
 
 cChild cChildren::fStart(bool exitAtOnce) {
-  mChildren.push_back(gStartChild(exitAtOnce));
+  int life[2];
+  if (::pipe(life) != 0) throw std::runtime_error("pipe");
+  pid_t const pid = ::fork();
+  if (pid < 0) throw std::runtime_error("fork");
+  if (pid == 0) {
+    // Only async-signal-safe calls here; the child never outlives the test.
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    ::close(life[0]);
+    if (exitAtOnce) ::_exit(0);
+    for (;;) ::pause();
+  }
+  ::close(life[1]);
+  mChildren.push_back(cChild{pid, life[0]});
   return mChildren.back();
 }
 
@@ -69,9 +65,9 @@ void cDeathWitness::vCommitRecord(nLog::cRecord const& record) {
   mSeen.push_back(seen);
 }
 
-std::string gKillText(char const* message, void* handle) {
+std::string gKillText(char const* message, cChild const& child) {
   std::ostringstream text;
-  text << message << '\t' << handle;
+  text << message << '\t' << child.fHandle();
   return text.str();
 }
 

@@ -17,8 +17,6 @@ struct cChild {
   void* fHandle() const;
 };
 
-// A child that waits for a signal. `exitAtOnce` makes it _exit(0) instead.
-cChild gStartChild(bool exitAtOnce = false);
 // True once the child's life pipe has hung up; never blocks.
 bool gIsGone(cChild const& child);
 // Blocks until the child has exited and leaves it a zombie.
@@ -31,8 +29,8 @@ class cChildren {
   cChildren(cChildren const&) = delete;
   cChildren& operator=(cChildren const&) = delete;
   ~cChildren();
+  // A child that waits for a signal; `exitAtOnce` makes it _exit(0) instead.
   cChild fStart(bool exitAtOnce = false);
-  cChild const& operator[](std::size_t index) const { return mChildren[index]; }
 
  private:
   std::vector<cChild> mChildren;
@@ -46,6 +44,7 @@ class cDeathWitness : public nLog::iTargetUnit {
   struct cSeen {
     std::string text;
     std::string gone;  // one character per watched child: 'x' gone, '-' alive
+    bool operator==(cSeen const&) const = default;
   };
   std::vector<cSeen> fSeen() const { return mSeen; }
 
@@ -55,7 +54,7 @@ class cDeathWitness : public nLog::iTargetUnit {
   std::vector<cSeen> mSeen;
 };
 
-// The text "<message>\t<handle>" that the kill step writes.
-std::string gKillText(char const* message, void* handle);
+// The text "<message>\t<handle>" that the kill step writes for a child.
+std::string gKillText(char const* message, cChild const& child);
 
 }  // namespace corvanth::test

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -58,11 +57,17 @@ cRun gRunTool(std::vector<std::string> arguments, int signal = 0) {
   return run;
 }
 
-std::vector<std::string> gStartedPids(cRun const& run) {
-  std::vector<std::string> pids;
+bool gHasLine(cRun const& run, std::string const& line) {
+  return std::find(run.lines.begin(), run.lines.end(), line) != run.lines.end();
+}
+
+// The kill lines expected for the started commands, newest first, each with `outcome`.
+std::vector<std::string> gExpectedKills(cRun const& run, std::string const& outcome) {
+  std::vector<std::string> kills;
   for (std::string const& line : run.lines)
-    if (line.rfind("started ", 0) == 0) pids.push_back(line.substr(8, line.find(':') - 8));
-  return pids;
+    if (line.rfind("started ", 0) == 0)
+      kills.insert(kills.begin(), "kill " + line.substr(8, line.find(':') - 8) + ": " + outcome);
+  return kills;
 }
 
 std::vector<std::string> gKillLines(cRun const& run) {
@@ -72,57 +77,44 @@ std::vector<std::string> gKillLines(cRun const& run) {
   return kills;
 }
 
-TEST(CorvanthGroup, ASignalKillsTheGroupNewestFirst) {
-  cRun const run = gRunTool({"group", "--name", "three", "1000", "--", "sleep", "1000", ";",
-                             "sleep", "1001", ";", "sleep", "1002"},
-                            SIGTERM);
-  EXPECT_EQ(run.exitCode, 0);
-  auto const pids = gStartedPids(run);
-  ASSERT_EQ(pids.size(), 3u);
-  EXPECT_EQ(gKillLines(run), (std::vector<std::string>{"kill " + pids[2] + ": killed",
-                                                       "kill " + pids[1] + ": killed",
-                                                       "kill " + pids[0] + ": killed"}));
-  ASSERT_FALSE(run.lines.empty());
-  EXPECT_EQ(run.lines.back(), "group three: every process killed");
-  EXPECT_NE(std::find(run.lines.begin(), run.lines.end(), "stopping group three: SIGTERM"),
-            run.lines.end());
-}
+TEST(CorvanthGroup, ASignalOrATimeOutKillsTheGroupNewestFirst) {
+  cRun const signalled = gRunTool({"group", "--name", "three", "1000", "--", "sleep", "1000", ";",
+                                   "sleep", "1001", ";", "sleep", "1002"},
+                                  SIGTERM);
+  EXPECT_EQ(signalled.exitCode, 0);
+  EXPECT_EQ(gExpectedKills(signalled, "killed").size(), 3u);
+  EXPECT_EQ(gKillLines(signalled), gExpectedKills(signalled, "killed"));
+  EXPECT_TRUE(gHasLine(signalled, "stopping group three: SIGTERM"));
+  ASSERT_FALSE(signalled.lines.empty());
+  EXPECT_EQ(signalled.lines.back(), "group three: every process killed");
 
-TEST(CorvanthGroup, ATimeOutKillsTheGroupAndACommandThatEndedByItselfFailsIt) {
   cRun const timedOut = gRunTool({"group", "0.05", "--", "sleep", "1000", ";", "sleep", "1000"});
   EXPECT_EQ(timedOut.exitCode, 0);
-  auto const pids = gStartedPids(timedOut);
-  ASSERT_EQ(pids.size(), 2u);
-  EXPECT_EQ(gKillLines(timedOut), (std::vector<std::string>{"kill " + pids[1] + ": killed",
-                                                            "kill " + pids[0] + ": killed"}));
-  EXPECT_NE(std::find(timedOut.lines.begin(), timedOut.lines.end(),
-                      "stopping group corvanth-group: time-out"),
-            timedOut.lines.end());
-
-  cRun const ended = gRunTool({"group", "1000", "--", "true", ";", "true"});
-  EXPECT_EQ(ended.exitCode, 1);
-  EXPECT_NE(std::find(ended.lines.begin(), ended.lines.end(),
-                      "stopping group corvanth-group: all commands ended"),
-            ended.lines.end());
-  auto const endedPids = gStartedPids(ended);
-  ASSERT_EQ(endedPids.size(), 2u);
-  EXPECT_EQ(gKillLines(ended),
-            (std::vector<std::string>{"kill " + endedPids[1] + ": already terminated",
-                                      "kill " + endedPids[0] + ": already terminated"}));
+  EXPECT_EQ(gExpectedKills(timedOut, "killed").size(), 2u);
+  EXPECT_EQ(gKillLines(timedOut), gExpectedKills(timedOut, "killed"));
+  EXPECT_TRUE(gHasLine(timedOut, "stopping group corvanth-group: time-out"));
 }
 
-TEST(CorvanthGroup, BadUsageGivesTwoAndAMissingProgramOne) {
-  EXPECT_EQ(gRunTool({"group"}).exitCode, 2);
-  EXPECT_EQ(gRunTool({"group", "soon", "--", "true"}).exitCode, 2);
-  EXPECT_EQ(gRunTool({"group", "-1", "--", "true"}).exitCode, 2);
-  EXPECT_EQ(gRunTool({"group", "5", "true"}).exitCode, 2);
-  EXPECT_EQ(gRunTool({"group", "5", "--"}).exitCode, 2);
-  EXPECT_EQ(gRunTool({"group", "5", "--", "true", ";"}).exitCode, 2);
+TEST(CorvanthGroup, CommandsThatEndedByThemselvesOrNeverStartedFailTheGroup) {
+  cRun const ended = gRunTool({"group", "1000", "--", "true", ";", "true"});
+  EXPECT_EQ(ended.exitCode, 1);
+  EXPECT_TRUE(gHasLine(ended, "stopping group corvanth-group: all commands ended"));
+  EXPECT_EQ(gExpectedKills(ended, "already terminated").size(), 2u);
+  EXPECT_EQ(gKillLines(ended), gExpectedKills(ended, "already terminated"));
+
   cRun const missing = gRunTool({"group", "5", "--", "sleep", "1000", ";", "/nonexistent/program"});
   EXPECT_EQ(missing.exitCode, 1);
-  auto const pids = gStartedPids(missing);
-  ASSERT_EQ(pids.size(), 1u);
-  EXPECT_EQ(gKillLines(missing), std::vector<std::string>{"kill " + pids[0] + ": killed"});
+  EXPECT_EQ(gExpectedKills(missing, "killed").size(), 1u);
+  EXPECT_EQ(gKillLines(missing), gExpectedKills(missing, "killed"));
+
+  for (std::vector<std::string> const& usage :
+       std::vector<std::vector<std::string>>{{"group"},
+                                             {"group", "soon", "--", "true"},
+                                             {"group", "-1", "--", "true"},
+                                             {"group", "5", "true"},
+                                             {"group", "5", "--"},
+                                             {"group", "5", "--", "true", ";"}})
+    EXPECT_EQ(gRunTool(usage).exitCode, 2) << usage.size();
 }
 
 }  // namespace

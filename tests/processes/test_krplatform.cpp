@@ -11,42 +11,30 @@
 
 namespace {
 
-using corvanth::test::cChild;
-using corvanth::test::cChildren;
-using corvanth::test::gIsGone;
-using corvanth::test::gWaitZombie;
-
-void* gHandle(std::intptr_t value) { return reinterpret_cast<void*>(value); }
+using namespace corvanth::test;
 
 bool gIsOurChild(pid_t pid) { return ::waitpid(pid, nullptr, WNOHANG) != -1 || errno != ECHILD; }
 
-TEST(KillProcess, ALiveChildIsKilledAndReaped) {
+TEST(KillProcess, TellsKilledAlreadyTerminatedAndCannotFindApartAndReaps) {
   cChildren children;
-  cChild const child = children.fStart();
-  EXPECT_EQ(gMXPKillProcess(child.fHandle()), eMXPKillProcessKilled);
-  EXPECT_TRUE(gIsGone(child));
-  EXPECT_FALSE(gIsOurChild(child.pid));
+  cChild const live = children.fStart();
+  EXPECT_EQ(gMXPKillProcess(live.fHandle()), eMXPKillProcessKilled);
+  EXPECT_TRUE(gIsGone(live));
+  EXPECT_FALSE(gIsOurChild(live.pid));
   // The pid was reaped here, so it is known as terminated rather than unknown.
-  EXPECT_EQ(gMXPKillProcess(child.fHandle()), eMXPKillProcessAlreadyTerminated);
-}
+  EXPECT_EQ(gMXPKillProcess(live.fHandle()), eMXPKillProcessAlreadyTerminated);
 
-TEST(KillProcess, AChildThatExitedByItselfIsAlreadyTerminatedAndReaped) {
-  cChildren children;
-  cChild const child = children.fStart(true);
-  gWaitZombie(child);
-  EXPECT_EQ(gMXPKillProcess(child.fHandle()), eMXPKillProcessAlreadyTerminated);
-  EXPECT_FALSE(gIsOurChild(child.pid));
-}
+  cChild const exited = children.fStart(true);
+  gWaitZombie(exited);
+  EXPECT_EQ(gMXPKillProcess(exited.fHandle()), eMXPKillProcessAlreadyTerminated);
+  EXPECT_FALSE(gIsOurChild(exited.pid));
 
-TEST(KillProcess, AProcessThatIsGoneOrNoProcessAtAllCannotBeFound) {
-  cChild const child = corvanth::test::gStartChild(true);
-  ASSERT_EQ(::waitpid(child.pid, nullptr, 0), child.pid);  // reaped by someone else
-  ::close(child.lifeFd);
-  EXPECT_EQ(gMXPKillProcess(child.fHandle()), eMXPKillProcessCannotFind);
+  cChild const reapedElsewhere = children.fStart(true);
+  ASSERT_EQ(::waitpid(reapedElsewhere.pid, nullptr, 0), reapedElsewhere.pid);
+  EXPECT_EQ(gMXPKillProcess(reapedElsewhere.fHandle()), eMXPKillProcessCannotFind);
   // 0 and -1 would reach whole process groups; they name no process.
-  EXPECT_EQ(gMXPKillProcess(gHandle(0)), eMXPKillProcessCannotFind);
-  EXPECT_EQ(gMXPKillProcess(gHandle(-1)), eMXPKillProcessCannotFind);
-  EXPECT_EQ(gMXPKillProcess(gHandle(std::intptr_t{1} << 40)), eMXPKillProcessCannotFind);
+  for (std::intptr_t value : {std::intptr_t{0}, std::intptr_t{-1}, std::intptr_t{1} << 40})
+    EXPECT_EQ(gMXPKillProcess(reinterpret_cast<void*>(value)), eMXPKillProcessCannotFind);
 }
 
 TEST(KillProcess, AProcessOfAnotherUserCannotBeKilled) {
@@ -66,24 +54,24 @@ TEST(KillProcess, AProcessOfAnotherUserCannotBeKilled) {
   EXPECT_FALSE(gIsGone(victim));
 }
 
-TEST(ExecApplication, RunsToTheEndAndTellsSuccessByExitStatus) {
+TEST(ExecApplication, RunsToTheEndAndSplitsArgumentsAsAShellSplitsWords) {
   EXPECT_NE(MXPExecApplication("true", nullptr), 0);
-  EXPECT_EQ(MXPExecApplication("false", ""), 0);
-  EXPECT_EQ(MXPExecApplication("/bin/sh", "-c 'exit 3'"), 0);
-  EXPECT_EQ(MXPExecApplication("/bin/sh", "-c 'kill -9 $$'"), 0);
-  EXPECT_EQ(MXPExecApplication("/nonexistent/program", ""), 0);
-  EXPECT_EQ(MXPExecApplication(nullptr, ""), 0);
-  EXPECT_EQ(MXPExecApplication("true", "'open quote"), 0);
-}
-
-TEST(ExecApplication, SplitsArgumentsAsAShellSplitsWords) {
+  // Failing, killed, missing and unparsable runs all give 0.
+  struct tRun {
+    char const *program, *arguments;
+  };
+  for (tRun const run :
+       {tRun{"false", ""}, tRun{"/bin/sh", "-c 'exit 3'"}, tRun{"/bin/sh", "-c 'kill -9 $$'"},
+        tRun{"/nonexistent/program", ""}, tRun{nullptr, ""}, tRun{"true", "'open quote"}})
+    EXPECT_EQ(MXPExecApplication(run.program, run.arguments), 0) << run.arguments;
   // The script succeeds only if it gets exactly these five words.
-  char const* const script =
+  std::string const script =
       "-c '[ $# -eq 5 ] && [ \"$1\" = \"a b\" ] && [ -z \"$2\" ] && [ \"$3\" = \"c\\\"d\" ]"
       " && [ \"$4\" = \"e f\" ] && [ \"$5\" = \"\\$HOME\" ]' sh";
-  std::string const arguments = std::string(script) + " \"a b\" \"\" \"c\\\"d\" e\\ f '$HOME'";
-  EXPECT_NE(MXPExecApplication("/bin/sh", arguments.c_str()), 0) << arguments;
-  EXPECT_EQ(MXPExecApplication("/bin/sh", (std::string(script) + " \"a b\" x c d e").c_str()), 0);
+  EXPECT_NE(
+      MXPExecApplication("/bin/sh", (script + " \"a b\" \"\" \"c\\\"d\" e\\ f '$HOME'").c_str()),
+      0);
+  EXPECT_EQ(MXPExecApplication("/bin/sh", (script + " \"a b\" x c d e").c_str()), 0);
 }
 
 }  // namespace
