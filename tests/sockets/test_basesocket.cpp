@@ -86,12 +86,4 @@ TEST(BaseSocket, NewListenerLeavesTheOlderOneOpenAndListening) {
   nSock::gDelete(older);
 }
 
-TEST(BaseSocket, TakenPortPassesTheLibrarysExceptionThrough) {
-  cLoopbackListener taken;
-  cProbeSocket socket;
-  // The wildcard listener cannot share the port of a loopback one.
-  EXPECT_THROW(socket.CreateListenerSocket(taken.mPort), nSock::cAlreadyInUse);
-  EXPECT_FALSE(socket.fHandle().fIsValid());
-}
-
 }  // namespace
