@@ -79,6 +79,11 @@ cCorvanthMessage::cCorvanthMessage() = default;
 
 cCorvanthMessage::cCorvanthMessage(const cCorvanthMessage& other) {
   other.fAddHolder();
+  fTakeFields(other);
+}
+
+// Every member, the block's pointers included: a copy shares the block.
+void cCorvanthMessage::fTakeFields(const cCorvanthMessage& other) {
   mMessageId = other.mMessageId;
   mPackStamp = other.mPackStamp;
   mToHost = other.mToHost;
@@ -100,20 +105,7 @@ cCorvanthMessage& cCorvanthMessage::operator=(const cCorvanthMessage& other) {
   other.fAddHolder();
   char* earlierBlock = mPackedBuf;
   cShares_* earlierShares = mShares;
-  mMessageId = other.mMessageId;
-  mPackStamp = other.mPackStamp;
-  mToHost = other.mToHost;
-  mToClient = other.mToClient;
-  mFromHost = other.mFromHost;
-  mFromClient = other.mFromClient;
-  mQtype = other.mQtype;
-  mType = other.mType;
-  mSubtype = other.mSubtype;
-  mData = other.mData;
-  mDatalen = other.mDatalen;
-  mPackedBuf = other.mPackedBuf;
-  mPackedBufLen = other.mPackedBufLen;
-  mShares = other.mShares;
+  fTakeFields(other);
   gDropBlock(earlierBlock, earlierShares);
   return *this;
 }

@@ -106,6 +106,7 @@ class CORVANTH_EXPORT cCorvanthMessage {
   bool reMapFields(const char* emptyText);
   void fCopyBlock(const char* packed, unsigned int packedLen);
   void fAddHolder() const;
+  void fTakeFields(const cCorvanthMessage& other);
   static void gDropBlock(char* block, cShares_* shares) noexcept;
 
   std::uint32_t mMessageId = 0;
