@@ -27,7 +27,7 @@ int gWrappingIncrement(int value) { return static_cast<int>(static_cast<unsigned
 // a volatile read keeps the compiler from reasoning about it, and the
 // sanitizer is told that this one binding is meant.
 template <class T>
-__attribute__((no_sanitize_undefined)) T& gNullableReference(T* pointer) {
+__attribute__((no_sanitize("undefined"))) T& gNullableReference(T* pointer) {
   T* volatile const laundered = pointer;
   return *laundered;
 }
