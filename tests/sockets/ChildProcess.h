@@ -5,12 +5,13 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 extern char** environ;
@@ -24,10 +25,8 @@ class cChildProcess {
     if (pipe(out) != 0) return;
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 2);
-    posix_spawn_file_actions_addclose(&actions, out[0]);
-    posix_spawn_file_actions_addclose(&actions, out[1]);
+    for (int target : {1, 2}) posix_spawn_file_actions_adddup2(&actions, out[1], target);
+    for (int end : out) posix_spawn_file_actions_addclose(&actions, end);
     std::vector<char*> argv;
     for (auto& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
@@ -39,68 +38,53 @@ class cChildProcess {
   cChildProcess(cChildProcess const&) = delete;
   cChildProcess& operator=(cChildProcess const&) = delete;
   ~cChildProcess() {
-    if (mPid > 0 && !mReaped) {
-      kill(mPid, SIGKILL);
-      waitpid(mPid, nullptr, 0);
-    }
+    fFinish(std::chrono::seconds(0));
     if (mOutput >= 0) close(mOutput);
   }
-
-  bool fStarted() const { return mPid > 0; }
-  pid_t fPid() const { return mPid; }
 
   // The next line without its end, or what came before the bound or the end.
   std::string fReadLine(std::chrono::seconds bound) {
     auto const end = std::chrono::steady_clock::now() + bound;
     while (mPending.find('\n') == std::string::npos && fReadSome(end)) {
     }
-    std::size_t const newline = mPending.find('\n');
+    std::size_t const newline = std::min(mPending.find('\n'), mPending.size());
     std::string line = mPending.substr(0, newline);
-    mPending.erase(0, newline == std::string::npos ? mPending.size() : newline + 1);
+    mPending.erase(0, newline + 1);
     return line;
   }
-  // Everything up to the end of the output, or to the bound.
-  std::string fReadAll(std::chrono::seconds bound) {
+  // The exit status (-1 when the child did not end its output within the
+  // bound, it is killed then, or did not exit normally) and the rest of its output.
+  std::pair<int, std::string> fFinish(std::chrono::seconds bound) {
     auto const end = std::chrono::steady_clock::now() + bound;
     while (fReadSome(end)) {
     }
-    std::string all;
-    all.swap(mPending);
-    return all;
-  }
-  // The exit status, or -1 when the child did not end within the bound (it
-  // is killed then) or did not exit normally.
-  int fWait(std::chrono::seconds bound) {
-    if (mPid <= 0 || mReaped) return -1;
-    int const watch = static_cast<int>(syscall(SYS_pidfd_open, mPid, 0));
-    if (watch >= 0) {
-      pollfd entry{watch, POLLIN, 0};
-      int const ready = poll(&entry, 1, static_cast<int>(std::chrono::milliseconds(bound).count()));
-      close(watch);
-      if (ready <= 0) kill(mPid, SIGKILL);
+    int status = -1;
+    if (mPid > 0) {
+      if (!mEnded) kill(mPid, SIGKILL);
+      if (waitpid(mPid, &status, 0) != mPid || !WIFEXITED(status) || !mEnded) status = -1;
+      mPid = -1;
     }
-    int status = 0;
-    mReaped = waitpid(mPid, &status, 0) == mPid;
-    return mReaped && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return {status == -1 ? -1 : WEXITSTATUS(status), std::exchange(mPending, {})};
   }
 
  private:
   bool fReadSome(std::chrono::steady_clock::time_point end) {
     auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(
         end - std::chrono::steady_clock::now());
-    if (mOutput < 0 || left.count() <= 0) return false;
     pollfd entry{mOutput, POLLIN, 0};
-    if (poll(&entry, 1, static_cast<int>(left.count())) <= 0) return false;
+    if (mOutput < 0 || mEnded || poll(&entry, 1, int(std::max<long>(left.count(), 0))) <= 0) {
+      return false;
+    }
     char buffer[4096];
     ssize_t const got = read(mOutput, buffer, sizeof buffer);
-    if (got <= 0) return false;
-    mPending.append(buffer, static_cast<std::size_t>(got));
-    return true;
+    mEnded = got <= 0;
+    if (!mEnded) mPending.append(buffer, static_cast<std::size_t>(got));
+    return !mEnded;
   }
 
   pid_t mPid = -1;
   int mOutput = -1;
-  bool mReaped = false;
+  bool mEnded = false;
   std::string mPending;
 };
 

@@ -1,13 +1,22 @@
 // Helpers of the socket tests: loopback connections with both ends in hand,
-// raw bytes on a handle, and joins that give up after a bound.
+// raw bytes on a handle, bounded joins, and a way to see that another thread
+// really sits in a blocking call, without sleeping.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <cstdint>
+#include <fstream>
 #include <future>
+#include <initializer_list>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "LintelSocket.h"
@@ -19,24 +28,49 @@ namespace nSock = nCommunication::nSocket;
 
 inline constexpr auto kBound = std::chrono::seconds(20);
 
+inline long gThreadId() { return static_cast<long>(::syscall(SYS_gettid)); }
+
+// True once the thread (whose id it stores itself, 0 until then) sleeps in one
+// of the system calls, as /proc tells; false after the bound.
+inline bool gWaitUntilBlocked(std::atomic<long> const& thread, std::initializer_list<long> calls) {
+  auto const end = std::chrono::steady_clock::now() + kBound;
+  while (std::chrono::steady_clock::now() < end) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread.load()) + "/syscall");
+    long call = -1;  // a running thread shows "running", which does not parse
+    if (thread.load() != 0 && file >> call) {
+      for (long wanted : calls) {
+        if (call == wanted) return true;
+      }
+    }
+    std::this_thread::yield();
+  }
+  return false;
+}
+
+// Work on a thread of its own; gDone is the bounded join.
+template <class Work>
+auto gAsync(Work&& work) {
+  return std::async(std::launch::async, std::forward<Work>(work));
+}
+template <class Result>
+bool gDone(std::future<Result> const& future, std::chrono::steady_clock::duration within = kBound) {
+  return future.wait_for(within) == std::future_status::ready;
+}
+
+inline bool gOpen(int descriptor) { return fcntl(descriptor, F_GETFD) != -1; }
+
+inline std::unique_ptr<StreamSocket> gAdopt(nSock::cHandleOptional const& handle) {
+  return std::make_unique<StreamSocket>(nSock::gValidate(handle), false, nullptr, false, false, "");
+}
+
 // A listener on 127.0.0.1 at a port that the system picks.
 struct cLoopbackListener {
-  std::unique_ptr<StreamSocket> mSocket;
-  unsigned short mPort = 0;
+  nSock::cHandleValid mHandle = nSock::gCreateListenerOn("127.0.0.1", 0);
+  unsigned short mPort = nSock::gLocalPort(mHandle);
+  std::unique_ptr<StreamSocket> mSocket = gAdopt(mHandle);
 
-  cLoopbackListener() {
-    nSock::cHandleValid const handle = nSock::gCreateListenerOn("127.0.0.1", 0);
-    mPort = nSock::gLocalPort(handle);
-    mSocket = std::make_unique<StreamSocket>(handle, false, nullptr, false, false, "");
-  }
-  // The accepted connection as a StreamSocket of its own.
   std::unique_ptr<StreamSocket> fAccept() {
-    auto [accepted, ssl, port] = mSocket->Accept(nSock::cSocketOptions());
-    EXPECT_TRUE(accepted.fIsValid());
-    EXPECT_EQ(ssl, nullptr);
-    (void)port;
-    return std::make_unique<StreamSocket>(nSock::gValidate(accepted), false, nullptr, false, false,
-                                          "");
+    return gAdopt(std::get<0>(mSocket->Accept(nSock::cSocketOptions())));
   }
 };
 
@@ -46,8 +80,8 @@ struct cPair {
   std::unique_ptr<StreamSocket> mClient = std::make_unique<StreamSocket>();
   std::unique_ptr<StreamSocket> mServer;
 
-  explicit cPair(nSock::cSocketOptions options = nSock::cSocketOptions()) {
-    mClient->Connect("127.0.0.1", mListener.mPort, options);
+  cPair() {
+    mClient->Connect("127.0.0.1", mListener.mPort, nSock::cSocketOptions());
     mServer = mListener.fAccept();
   }
 };
@@ -60,50 +94,41 @@ inline bool gSendRaw(StreamSocket const& socket, std::string const& bytes) {
   return nSock::gSend(gHandleOf(socket), static_cast<int>(bytes.size()), bytes.data());
 }
 
-inline std::string gHeader(std::uint32_t length, std::uint16_t type, std::uint16_t subtype) {
-  unsigned char const bytes[8] = {
-      static_cast<unsigned char>(length >> 24), static_cast<unsigned char>(length >> 16),
-      static_cast<unsigned char>(length >> 8),  static_cast<unsigned char>(length),
-      static_cast<unsigned char>(type >> 8),    static_cast<unsigned char>(type),
-      static_cast<unsigned char>(subtype >> 8), static_cast<unsigned char>(subtype)};
-  return std::string(reinterpret_cast<char const*>(bytes), 8);
+inline std::string gReceiveRaw(StreamSocket const& socket, int count) {
+  std::string bytes(static_cast<std::size_t>(count), '\0');
+  EXPECT_TRUE(nSock::gReceive(gHandleOf(socket), count, bytes.data(), false, nullptr));
+  return bytes;
 }
 
-// One received frame, its payload given back at once.
+// Length, type and subtype, each big-endian.
+inline std::string gHeader(std::uint32_t length, std::uint16_t type, std::uint16_t subtype) {
+  return {char(length >> 24), char(length >> 16), char(length >> 8),  char(length),
+          char(type >> 8),    char(type),         char(subtype >> 8), char(subtype)};
+}
+
+// What one WaitTypedMessageZ1 gave, its outputs set to non-zero beforehand so
+// that a result left unset shows.
 struct cFrame {
   bool mOk = false;
-  short mType = 0;
-  short mSubtype = 0;
+  short mType = 1;
+  short mSubtype = 1;
+  int mLength = 1;
+  bool mNull = false;
   std::string mPayload;
-  bool mNullPayload = true;
 };
 
-inline cFrame gReceiveFrame(StreamSocket& socket, nSock::iLatencyConfiguration* latency = nullptr) {
+inline cFrame gReceiveFrame(StreamSocket& socket) {
   cFrame frame;
-  char* message = nullptr;
-  int length = -1;
-  frame.mOk = socket.WaitTypedMessageZ1(frame.mType, frame.mSubtype, message, length, latency);
-  frame.mNullPayload = message == nullptr;
-  if (message != nullptr) frame.mPayload.assign(message, static_cast<std::size_t>(length));
-  socket.FreeMessage(message);
+  char primed = 0;
+  char* message = &primed;
+  frame.mOk =
+      socket.WaitTypedMessageZ1(frame.mType, frame.mSubtype, message, frame.mLength, nullptr);
+  frame.mNull = message == nullptr;
+  if (message != nullptr && message != &primed) {
+    frame.mPayload.assign(message, static_cast<std::size_t>(frame.mLength));
+    socket.FreeMessage(message);
+  }
   return frame;
 }
-
-// Runs work on a thread of its own; fWait gives its result or fails the test
-// once the bound has passed.
-template <class Result>
-class cBackground {
- public:
-  template <class Work>
-  explicit cBackground(Work&& work)
-      : mFuture(std::async(std::launch::async, std::forward<Work>(work))) {}
-  bool fDone(std::chrono::milliseconds within) {
-    return mFuture.wait_for(within) == std::future_status::ready;
-  }
-  Result fGet() { return mFuture.get(); }
-
- private:
-  std::future<Result> mFuture;
-};
 
 }  // namespace corvanth::test

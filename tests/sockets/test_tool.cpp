@@ -12,25 +12,16 @@
 #include "ChildProcess.h"
 #include "SocketKit.h"
 #include "netmsg.h"
-#include "streamsocket.h"
 
 namespace {
 
 using namespace corvanth::test;
-namespace nSock = nCommunication::nSocket;
 
 std::string gForm(CAssociativeArray const& array) {
   char const* text = nullptr;
   int length = 0;
   array.ToString(text, length, false, false);
   return std::string(text, std::size_t(length));
-}
-
-std::string gValue(CAssociativeArray const& array, char const* key) {
-  char const* value = nullptr;
-  int length = 0;
-  array.GetValueOfParameter(key, value, length);
-  return std::string(value, std::size_t(length));
 }
 
 // The lines of text that start with the given piece.
@@ -44,25 +35,13 @@ std::vector<std::string> gLines(std::string const& text, std::string const& star
   return lines;
 }
 
-// `corvanth serve` on a free port, for count messages.
-struct cServer {
-  cChildProcess mProcess;
-  unsigned short mPort = 0;
+TEST(CorvanthTool, ServeAndSendCarryTheParametersByteForByteBothWays) {
+  cChildProcess server({CORVANTH_TOOL, "serve", "--name", "agent", "--count", "2"});
+  std::string const listening = server.fReadLine(kBound);
+  ASSERT_EQ(listening.rfind("listening on 127.0.0.1:", 0), 0u) << listening;
+  std::string const port = listening.substr(listening.rfind(':') + 1);
 
-  explicit cServer(int count)
-      : mProcess({CORVANTH_TOOL, "serve", "--name", "agent", "--count", std::to_string(count)}) {
-    std::string const first = mProcess.fReadLine(kBound);
-    std::size_t const colon = first.rfind(':');
-    EXPECT_EQ(first.rfind("listening on 127.0.0.1:", 0), 0u) << first;
-    if (colon != std::string::npos)
-      mPort = static_cast<unsigned short>(std::stoul(first.substr(colon + 1)));
-  }
-};
-
-TEST(CorvanthTool, ServeAnswersWithTheParametersByteForByte) {
-  cServer server(1);
-  ASSERT_NE(server.mPort, 0);
-
+  // From this process: the answer, taken apart here, holds every byte.
   CAssociativeArray nested;
   nested.AddCouple("inner", std::string("x\0y", 3).c_str(), 3);
   nested.AddCouple("count", 42L);
@@ -74,105 +53,86 @@ TEST(CorvanthTool, ServeAnswersWithTheParametersByteForByte) {
   std::string const form = gForm(parameters);
   cCorvanthMessage const request(41, "host2", "agent", "host1", "console", static_cast<QType>(3), 5,
                                  2, form.data(), unsigned(form.size()));
-
   StreamSocket socket;
-  socket.Connect("127.0.0.1", server.mPort, nSock::cSocketOptions());
+  socket.Connect("127.0.0.1", static_cast<unsigned short>(std::stoul(port)),
+                 nSock::cSocketOptions());
   ASSERT_TRUE(
       socket.SendTypedMessageZ2(5, 2, request.getPackedBuf(), int(request.getPackedBufLen())));
-  short type = 0;
-  short subtype = 0;
-  char* bytes = nullptr;
-  int length = 0;
-  ASSERT_TRUE(socket.WaitTypedMessageZ1(type, subtype, bytes, length, nullptr));
-  cCorvanthMessage const answer(bytes, unsigned(length), type, subtype);
-  socket.FreeMessage(bytes);
+  cFrame const frame = gReceiveFrame(socket);
+  ASSERT_TRUE(frame.mOk);
   socket.CloseSocket();
-
+  cCorvanthMessage const answer(frame.mPayload.data(), unsigned(frame.mLength), frame.mType,
+                                frame.mSubtype);
   EXPECT_EQ(answer.getMessageId(), 41u);
   EXPECT_STREQ(answer.getToClient(), "console");
   EXPECT_STREQ(answer.getToHost(), "host1");
   EXPECT_STREQ(answer.getFromClient(), "agent");
-  EXPECT_EQ(answer.getQtype(), static_cast<QType>(3));
-  EXPECT_EQ(answer.getType(), 5);
-  CAssociativeArray back;
-  back.FromString(std::string(answer.getData(), answer.getDatalen()).c_str(),
-                  int(answer.getDatalen()));
-  EXPECT_EQ(gValue(back, "user"), "alice");
-  EXPECT_EQ(gValue(back, "blob"), std::string("a\0b\0\xff", 5));
-  EXPECT_EQ(gValue(back, "script"), nestedForm);
-  CAssociativeArray nestedBack;
-  nestedBack.FromString(nestedForm.c_str(), int(nestedForm.size()));
-  EXPECT_EQ(gValue(nestedBack, "inner"), std::string("x\0y", 3));
+  EXPECT_EQ(std::string(answer.getData(), answer.getDatalen()),
+            form);  // string form to string form
 
-  // The server's own reading of the parameters, bytes escaped one to one.
-  std::string const printed = server.mProcess.fReadAll(kBound);
-  EXPECT_EQ(server.mProcess.fWait(kBound), 0) << printed;
-  EXPECT_NE(printed.find("received message 41 from console@host1 to agent@host2, queue type 3, "
-                         "type 5, subtype 2"),
+  // From `corvanth send`, a process of its own: the parameters as sent, as
+  // served and as answered print alike, bytes escaped one to one.
+  cChildProcess send({CORVANTH_TOOL, "send", "--port", port, "--to", "agent@localhost", "--from",
+                      "console@test", "--type", "7", "--id", "9", "user=bob", "zero=a\\0b\\xff",
+                      "script={name=checkout,inner={k=\\x00\\x2c}}"});
+  auto const [sendStatus, sent] = send.fFinish(kBound);
+  EXPECT_EQ(sendStatus, 0) << sent;
+  auto const [serveStatus, served] = server.fFinish(kBound);
+  EXPECT_EQ(serveStatus, 0) << served;
+  EXPECT_NE(served.find("received message 41 from console@host1 to agent@host2, queue type 3, "
+                        "type 5, subtype 2"),
             std::string::npos)
-      << printed;
-  EXPECT_NE(printed.find("    blob (5 bytes) = a\\x00b\\x00\\xff\n"), std::string::npos) << printed;
-  EXPECT_NE(printed.find("    script (" + std::to_string(nestedForm.size()) + " bytes) = "),
-            std::string::npos)
-      << printed;
-}
-
-TEST(CorvanthTool, SendAndServeSeeTheSameParametersAndExitCleanly) {
-  cServer server(1);
-  ASSERT_NE(server.mPort, 0);
-  cChildProcess send({CORVANTH_TOOL, "send", "--port", std::to_string(server.mPort), "--to",
-                      "agent@localhost", "--from", "console@test", "--type", "7", "--id", "9",
-                      "user=bob", "zero=a\\0b", "script={name=checkout,inner={k=\\x00\\x2c}}"});
-  std::string const sent = send.fReadAll(kBound);
-  EXPECT_EQ(send.fWait(kBound), 0) << sent;
-  std::string const served = server.mProcess.fReadAll(kBound);
-  EXPECT_EQ(server.mProcess.fWait(kBound), 0) << served;
-
-  EXPECT_NE(sent.find("the answer carries every parameter back byte for byte"), std::string::npos)
-      << sent;
-  std::vector<std::string> const parameters = gLines(served, "    ");
-  ASSERT_EQ(parameters.size(), 3u) << served;
-  EXPECT_EQ(parameters[2], "    zero (3 bytes) = a\\x00b");
-  // Each side prints the same lines: the parameters as sent, and as answered.
+      << served;
+  EXPECT_NE(served.find("    blob (5 bytes) = a\\x00b\\x00\\xff\n"), std::string::npos) << served;
+  std::size_t const second = served.find("received message 9 ");
+  ASSERT_NE(second, std::string::npos) << served;
+  std::vector<std::string> const printed = gLines(served.substr(second), "    ");
+  ASSERT_EQ(printed.size(), 3u) << served;
+  EXPECT_EQ(printed[2], "    zero (4 bytes) = a\\x00b\\xff");
   std::vector<std::string> twice;
-  for (auto const& line : parameters) twice.insert(twice.end(), {line, line});
+  for (auto const& line : printed) twice.insert(twice.end(), {line, line});
   EXPECT_EQ(gLines(sent, "    "), twice) << sent;
+  EXPECT_NE(
+      sent.find("answer: message 9 from agent@localhost to console@test, queue type 0, type 7"),
+      std::string::npos)
+      << sent;
 }
 
 TEST(CorvanthTool, RefusedConnectionAndBadUsageHaveTheirExitCodes) {
   nSock::cHandleValid const closed = nSock::gCreateListenerOn("127.0.0.1", 0);
   std::string const port = std::to_string(nSock::gLocalPort(closed));
   nSock::gDelete(closed);
-  cChildProcess refused({CORVANTH_TOOL, "send", "--port", port, "a=b"});
-  std::string const refusal = refused.fReadAll(kBound);
-  EXPECT_EQ(refused.fWait(kBound), 1);
-  EXPECT_NE(refusal.find("Connection refused"), std::string::npos) << refusal;
-
-  for (std::vector<std::string> arguments : {std::vector<std::string>{CORVANTH_TOOL, "send", "a=b"},
-                                             {CORVANTH_TOOL, "send", "--port", "70000", "a=b"},
-                                             {CORVANTH_TOOL, "send", "--port", port, "novalue"},
-                                             {CORVANTH_TOOL, "send", "--port", port, "a=\\q"},
-                                             {CORVANTH_TOOL, "send", "--port", port, "a={b=1"},
-                                             {CORVANTH_TOOL, "serve", "--count", "x"},
-                                             {CORVANTH_TOOL, "local_thr", "10"}}) {
-    cChildProcess bad(arguments);
-    std::string const text = bad.fReadAll(kBound);
-    EXPECT_EQ(bad.fWait(kBound), 2) << arguments.back() << ": " << text;
-    EXPECT_NE(text.find("usage:"), std::string::npos) << text;
+  struct {
+    std::vector<std::string> arguments;
+    int status;
+    char const* says;
+  } const cases[] = {{{"send", "--port", port, "a=b"}, 1, "Connection refused"},
+                     {{"send", "a=b"}, 2, "usage:"},
+                     {{"send", "--port", "70000", "a=b"}, 2, "usage:"},
+                     {{"send", "--port", port, "novalue"}, 2, "usage:"},
+                     {{"send", "--port", port, "a=\\q"}, 2, "usage:"},
+                     {{"send", "--port", port, "a={b=1"}, 2, "usage:"},
+                     {{"serve", "--count", "x"}, 2, "usage:"},
+                     {{"local_thr", "10"}, 2, "usage:"}};
+  for (auto const& one : cases) {
+    std::vector<std::string> arguments = {CORVANTH_TOOL};
+    arguments.insert(arguments.end(), one.arguments.begin(), one.arguments.end());
+    auto const [status, text] = cChildProcess(arguments).fFinish(kBound);
+    EXPECT_EQ(status, one.status) << one.arguments.back() << ": " << text;
+    EXPECT_NE(text.find(one.says), std::string::npos) << text;
   }
 }
 
 TEST(CorvanthTool, ThroughputVerbsCountEveryFrame) {
   cChildProcess local({CORVANTH_TOOL, "local_thr", "1000", "2000"});
-  std::string const first = local.fReadLine(kBound);
-  std::size_t const colon = first.rfind(':');
-  ASSERT_NE(colon, std::string::npos) << first;
-  cChildProcess remote(
-      {CORVANTH_TOOL, "remote_thr", "--port", first.substr(colon + 1), "1000", "2000"});
-  std::string const sent = remote.fReadAll(kBound);
-  EXPECT_EQ(remote.fWait(kBound), 0) << sent;
-  std::string const measured = local.fReadAll(kBound);
-  EXPECT_EQ(local.fWait(kBound), 0) << measured;
+  std::string const listening = local.fReadLine(kBound);
+  ASSERT_NE(listening.rfind(':'), std::string::npos) << listening;
+  cChildProcess remote({CORVANTH_TOOL, "remote_thr", "--port",
+                        listening.substr(listening.rfind(':') + 1), "1000", "2000"});
+  auto const [sentStatus, sent] = remote.fFinish(kBound);
+  EXPECT_EQ(sentStatus, 0) << sent;
+  auto const [status, measured] = local.fFinish(kBound);
+  EXPECT_EQ(status, 0) << measured;
   EXPECT_NE(measured.find("message size: 1000 [B]\nmessage count: 2000\nmean throughput: "),
             std::string::npos)
       << measured;
