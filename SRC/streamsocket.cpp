@@ -83,7 +83,13 @@ bool StreamSocket::SendTypedMessageZ2(short type, short subtype, const char* mes
   SSMMakeMessageHeader(length, type, subtype, &header);
   // A negative length still goes on, as the count of the write, but the array
   // is never smaller than the header. The count wraps for the top 8 lengths,
-  // which the write then refuses.
+  // which the write then refuses: it is asked with the header alone, so such
+  // a frame never costs a 2 GiB copy first.
+  int const count = static_cast<int>(static_cast<std::uint32_t>(length) + sizeof header);
+  if (length > 0 && count < 0) {
+    CORVANTH_ASSERT(message != nullptr, "streamsocket");  // the check that precedes the copy
+    return WriteDataZ1(count, reinterpret_cast<char const*>(&header));
+  }
   std::size_t const payload = length > 0 ? static_cast<std::size_t>(length) : 0;
   std::unique_ptr<char[]> frame(new char[payload + sizeof header]);
   std::memcpy(frame.get(), &header, sizeof header);
@@ -96,7 +102,6 @@ bool StreamSocket::SendTypedMessageZ2(short type, short subtype, const char* mes
       std::memset(frame.get() + sizeof header, 0, payload);
     }
   }
-  int const count = static_cast<int>(static_cast<std::uint32_t>(length) + sizeof header);
   return WriteDataZ1(count, frame.get());
 }
 

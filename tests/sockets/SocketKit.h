@@ -11,6 +11,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <future>
 #include <initializer_list>
@@ -47,14 +49,29 @@ inline bool gWaitUntilBlocked(std::atomic<long> const& thread, std::initializer_
   return false;
 }
 
-// Work on a thread of its own; gDone is the bounded join.
+// Every receive of a test is bounded by its connection's receive time-out.
+inline nSock::cSocketOptions gBounded() {
+  nSock::cSocketOptions options;
+  options.fSetReceiveTimeout(nTime::cDiff::gSeconds(20));
+  return options;
+}
+
+// Work on a thread of its own; gJoin is the bounded join.
 template <class Work>
 auto gAsync(Work&& work) {
   return std::async(std::launch::async, std::forward<Work>(work));
 }
+// The task's result, or the end of this test's process with a message: a task
+// that outlives the bound may be stuck inside the test's objects, which can be
+// neither waited for (a future's destructor would) nor left behind.
 template <class Result>
-bool gDone(std::future<Result> const& future, std::chrono::steady_clock::duration within = kBound) {
-  return future.wait_for(within) == std::future_status::ready;
+Result gJoin(std::future<Result>& future, std::chrono::steady_clock::duration within = kBound) {
+  if (future.wait_for(within) != std::future_status::ready) {
+    std::fprintf(stderr, "FAILED: a task of this test did not end within its bound\n");
+    std::fflush(nullptr);
+    std::_Exit(EXIT_FAILURE);
+  }
+  return future.get();
 }
 
 inline bool gOpen(int descriptor) { return fcntl(descriptor, F_GETFD) != -1; }
@@ -70,7 +87,7 @@ struct cLoopbackListener {
   std::unique_ptr<StreamSocket> mSocket = gAdopt(mHandle);
 
   std::unique_ptr<StreamSocket> fAccept() {
-    return gAdopt(std::get<0>(mSocket->Accept(nSock::cSocketOptions())));
+    return gAdopt(std::get<0>(mSocket->Accept(gBounded())));
   }
 };
 
@@ -81,7 +98,7 @@ struct cPair {
   std::unique_ptr<StreamSocket> mServer;
 
   cPair() {
-    mClient->Connect("127.0.0.1", mListener.mPort, nSock::cSocketOptions());
+    mClient->Connect("127.0.0.1", mListener.mPort, gBounded());
     mServer = mListener.fAccept();
   }
 };

@@ -28,7 +28,7 @@ struct cRawPair {
   cHandleValid mClient;
   cHandleValid mServer;
 
-  explicit cRawPair(nSock::cSocketOptions options = nSock::cSocketOptions())
+  explicit cRawPair(nSock::cSocketOptions options = gBounded())
       : mClient(nSock::gCreateConnected("127.0.0.1", nSock::gLocalPort(mListener), options)),
         mServer(nSock::gValidate(nSock::gAccept(mListener, options))) {}
   ~cRawPair() {
@@ -53,8 +53,7 @@ TEST(LintelTransfer, ExactReadsAcrossTheReadAheadKeepEveryByteInOrder) {
     ASSERT_EQ(piece, stream.substr(offset, piece.size())) << "piece of " << size;
     offset += piece.size();
   }
-  ASSERT_TRUE(gDone(sender));
-  EXPECT_TRUE(sender.get());
+  EXPECT_TRUE(gJoin(sender));
   char none = 0;
   EXPECT_TRUE(nSock::gReceive(pair.mServer, 0, &none, false, nullptr));
   EXPECT_FALSE(nSock::gReceive(pair.mServer, -1, &none, false, nullptr));
@@ -75,14 +74,12 @@ TEST(LintelClose, WakesBlockedReceiveAndAcceptAndKeepsTheHandleUntilDelete) {
     acceptor = gThreadId();
     return nSock::gAccept(pair.mListener, nSock::cSocketOptions()).fIsValid();
   });
-  EXPECT_TRUE(gWaitUntilBlocked(reader, {SYS_recvfrom}));
+  EXPECT_TRUE(gWaitUntilBlocked(reader, {SYS_recvfrom, SYS_poll}));
   EXPECT_TRUE(gWaitUntilBlocked(acceptor, {SYS_accept4}));
   nSock::gClose(pair.mServer);
   nSock::gClose(pair.mListener);
-  ASSERT_TRUE(gDone(receive));
-  ASSERT_TRUE(gDone(accept));
-  EXPECT_FALSE(receive.get());
-  EXPECT_FALSE(accept.get());
+  EXPECT_FALSE(gJoin(receive));
+  EXPECT_FALSE(gJoin(accept));
 
   // Closed, not deleted: still valid, the descriptor still ours, and every
   // later operation fails.
@@ -201,8 +198,7 @@ TEST(LintelActivationReadLock, EachCopyHoldsAndGivesBackOneShare) {
     if (taken) fixer().fFixRelease();
     return taken;
   });
-  ASSERT_TRUE(gDone(fix));
-  EXPECT_TRUE(fix.get());
+  EXPECT_TRUE(gJoin(fix));
 }
 
 class cProbeSocket : public c_Socket {

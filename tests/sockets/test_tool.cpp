@@ -54,8 +54,7 @@ TEST(CorvanthTool, ServeAndSendCarryTheParametersByteForByteBothWays) {
   cCorvanthMessage const request(41, "host2", "agent", "host1", "console", static_cast<QType>(3), 5,
                                  2, form.data(), unsigned(form.size()));
   StreamSocket socket;
-  socket.Connect("127.0.0.1", static_cast<unsigned short>(std::stoul(port)),
-                 nSock::cSocketOptions());
+  socket.Connect("127.0.0.1", static_cast<unsigned short>(std::stoul(port)), gBounded());
   ASSERT_TRUE(
       socket.SendTypedMessageZ2(5, 2, request.getPackedBuf(), int(request.getPackedBufLen())));
   cFrame const frame = gReceiveFrame(socket);
