@@ -59,6 +59,9 @@
 #include "rwtoken.h"
 #include "rwxmsg.h"
 
+// dictionaries
+#include "AssociativeArray.h"
+
 // errors and addresses
 #include "AssociativeArrayExceptions.h"
 #include "CKRErrorInfo.h"

@@ -1,0 +1,17 @@
+# Fails when a public header is not included by the umbrella header.
+#   cmake -DUMBRELLA=<CorvanthUtil.h> -DSOURCE=<source dir> "-DDIRS=<dir;...>" -P check_umbrella.cmake
+file(READ ${UMBRELLA} umbrella)
+get_filename_component(self ${UMBRELLA} NAME)
+set(missing)
+foreach(dir IN LISTS DIRS)
+  file(GLOB headers ${SOURCE}/${dir}/*.h)
+  foreach(header IN LISTS headers)
+    get_filename_component(name ${header} NAME)
+    if(NOT name STREQUAL self AND NOT umbrella MATCHES "#include \"${name}\"")
+      list(APPEND missing ${dir}/${name})
+    endif()
+  endforeach()
+endforeach()
+if(missing)
+  message(FATAL_ERROR "${self} does not include: ${missing}")
+endif()
