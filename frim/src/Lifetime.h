@@ -1,7 +1,9 @@
 // ecNoteHolderSynch<Value, ScopeAccess>: a board note that owns one lazily
 // built Value. The value is built at the first use (or when its board is gone
 // through), exactly once also under concurrent first use, and recorded in the
-// scope that ScopeAccess gives, which destroys it at the end. A value whose
+// scope that ScopeAccess gives, which destroys it at the end. A holder that
+// goes first takes only its own value with it: the other holders' values live
+// on until the scope ends. A value whose
 // destructor raises is logged ("dtor throws: ") and the exception goes no further.
 #pragma once
 
@@ -30,8 +32,6 @@ class ecNoteHolderSynch : public iNote, public iConstructed {
   ecNoteHolderSynch(ecNoteHolderSynch const&) = delete;
   ecNoteHolderSynch& operator=(ecNoteHolderSynch const&) = delete;
   ~ecNoteHolderSynch() {
-    // Static destruction has begun: the scope ends what it recorded, newest first.
-    mScope->fEnd();
     fDestructValue();
     CORVANTH_LOG_FORMAT(::nLog::nBasic::sTraceTag_, "Lifetime", "nLifetime:ecNoteHolderSynch:dtor",
                         static_cast<void const*>(this));

@@ -67,7 +67,7 @@ void cStreamCollector::fCommit() {
                                    false, false, mModule, kOwnSource, line);
     throw std::exception();
   }
-  nImplementation_sho::gAssertLocaleChanges_debug();
+  nImplementation_sho::gAssertLocaleChanges_debug(mLocale);
   mCollector.fThrow();
 }
 
@@ -110,15 +110,29 @@ void gProxyUse(bool start) noexcept {
 
 namespace nCorvanth {
 
-namespace {
-constinit nStatic_sho::ecOnceStatic<nLog::cTagSimple> gTraceTag;
-}
+namespace nImplementation_sho {
 
-nLog::iTagControlled const* cTraceTag_::fGet() const noexcept {
+constinit std::atomic<nLog::iTagControlled const*> gTraceTagBuilt_{nullptr};
+
+namespace {
+// The tag takes itself off the fast path before it ends.
+class cCorvanthTraceTag : public nLog::cTagSimple {
+ public:
+  cCorvanthTraceTag()
+      : cTagSimple("CorvanthT", 0, 4, false, nLog::gDebugInfoConfiguration(false, false),
+                   nLog::nBasic::sTraceTargetGroup_) {}
+  ~cCorvanthTraceTag() override { gTraceTagBuilt_.store(nullptr, std::memory_order_release); }
+};
+constinit nStatic_sho::ecOnceStatic<cCorvanthTraceTag> gTraceTag;
+}  // namespace
+
+nLog::iTagControlled const* gTraceTagFirstUse_() noexcept {
   return gTraceTag.fUse([](void* where) {
-    return new (where) nLog::cTagSimple("CorvanthT", 0, 4, false, nLog::gDebugInfoConfiguration(false, false),
-                                        nLog::nBasic::sTraceTargetGroup_);
+    auto* tag = new (where) cCorvanthTraceTag();
+    gTraceTagBuilt_.store(tag, std::memory_order_release);
+    return tag;
   });
 }
 
+}  // namespace nImplementation_sho
 }  // namespace nCorvanth

@@ -15,6 +15,7 @@
 #pragma once
 
 #include <exception>
+#include <locale>
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -66,6 +67,7 @@ class CORVANTH_EXPORT cStreamCollector {
   bool mCommitted = false;
   int mUncaughtAtStart;
   cStreamCollector* mPrevious;
+  std::locale mLocale;  // the global locale as the statement found it
 };
 
 namespace nDeprecated1::nImplementation_sho {
@@ -103,15 +105,26 @@ class cComposer_ : public nException::iMessage {
     return *this;
   }
 
+  // A field that raises is marked and the other fields still go in; the
+  // first exception then reaches the statement's outer clause.
   template <class Name, class... Fields>
   cComposer_& fFormatted(Name const& name, Fields const&... fields) {
     nDeprecated1::nImplementation_sho::cStream stream(mLogger.fModule(), mLogger.fLine());
-    stream.fPut(name);
+    std::exception_ptr first;
+    auto put = [&](auto const& value) {
+      try {
+        stream.fPut(value);
+      } catch (...) {
+        if (!first) first = std::current_exception();
+      }
+    };
+    put(name);
     if (nDeprecated1::zFormatStringType_patch::gHasRegular()) {
-      ((stream.fTab(), stream.fPut(fields)), ...);
+      ((stream.fTab(), put(fields)), ...);
       if constexpr (sizeof...(Fields) > 0) stream.fTab();
     }
     mLogger.fStream() << stream.fGetString();
+    if (first) std::rethrow_exception(first);
     return *this;
   }
 

@@ -180,19 +180,20 @@ class cMutexRecursive {
   void fAcquire() {
     mGuard.fCheck();
     mLock.acquire();
-    ++mDepth;
+    mDepth.fetch_add(1, std::memory_order_relaxed);
     mGuard.fCheck();
   }
   // Counts first: a release that the lock refuses has already taken its 1.
+  // That release may come from a thread without the lock, hence the atomic.
   void fRelease() {
     mGuard.fCheck();
-    --mDepth;
+    mDepth.fetch_sub(1, std::memory_order_relaxed);
     mLock.release();
   }
   // Only the holder may ask; its own hold is the 1 that does not count.
   bool fAlreadyAcquiredNTS() const {
     mGuard.fCheck();
-    return mDepth >= 2;
+    return mDepth.load(std::memory_order_relaxed) >= 2;
   }
   ecEnumValue<tAcquireResult> fTryAcquire(nTime::cDiff limit) {
     mGuard.fCheck();
@@ -206,17 +207,17 @@ class cMutexRecursive {
         throw ::nLog::nImplementation_sho::cRet_();
       }
     }
-    ++mDepth;
+    mDepth.fetch_add(1, std::memory_order_relaxed);
     return atOnce ? tAcquireResult::eAtOnce : tAcquireResult::eAfterWait;
   }
-  int fDepth() const { return mDepth; }
+  int fDepth() const { return mDepth.load(std::memory_order_relaxed); }
 
   ecpMutex<cMutexRecursive> operator()() { return ecpMutex<cMutexRecursive>(*this); }
 
  private:
   nDebugSection_debug::cXtor_templatedef<void> mGuard;
   RWTRecursiveLock<RWMutexLock> mLock;
-  int mDepth = 0;
+  std::atomic<int> mDepth{0};
 };
 
 class cpReadersWriter;

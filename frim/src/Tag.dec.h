@@ -8,6 +8,8 @@
 // once at first use; it converts to a null tag after its end.
 #pragma once
 
+#include <atomic>
+
 #include "CorvanthExport.h"
 #include "FrimLog.h"
 
@@ -44,11 +46,23 @@ namespace {
 
 namespace nCorvanth {
 
-class CORVANTH_EXPORT cTraceTag_ {
+namespace nImplementation_sho {
+// The tag once built; null before its first use and after its end. A statement
+// reads it with one load, as it reads a basic tag's proxy.
+extern CORVANTH_EXPORT std::atomic<nLog::iTagControlled const*> gTraceTagBuilt_;
+// Builds the tag once (the first caller wins, the others wait) and gives it,
+// or null after its end.
+CORVANTH_EXPORT nLog::iTagControlled const* gTraceTagFirstUse_() noexcept;
+}  // namespace nImplementation_sho
+
+class cTraceTag_ {
  public:
   constexpr cTraceTag_() = default;
   // The tag, built at the first call; null once it has ended.
-  nLog::iTagControlled const* fGet() const noexcept;
+  nLog::iTagControlled const* fGet() const noexcept {
+    nLog::iTagControlled const* tag = nImplementation_sho::gTraceTagBuilt_.load(std::memory_order_acquire);
+    return tag != nullptr ? tag : nImplementation_sho::gTraceTagFirstUse_();
+  }
   operator nLog::iTagControlled const*() const noexcept { return fGet(); }  // NOLINT
 };
 

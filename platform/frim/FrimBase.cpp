@@ -1,4 +1,5 @@
 // Thread ids, the core error report and the foundation exceptions.
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -15,9 +16,17 @@
 #include "FrimThread.h"
 #include "internal/WriteAll.h"
 
+namespace {
+// Read once per thread; 0 until then. A child of fork() starts again from 0,
+// or it would write its parent's thread id.
+thread_local long tThreadId = 0;
+[[maybe_unused]] int const gForgetThreadIdInChild =
+    ::pthread_atfork(nullptr, nullptr, [] { tThreadId = 0; });
+}  // namespace
+
 long GetCurrentThreadId() noexcept {
-  thread_local long const id = static_cast<long>(static_cast<std::int32_t>(::gettid()));
-  return id;
+  if (tThreadId == 0) tThreadId = static_cast<long>(static_cast<std::int32_t>(::gettid()));
+  return tThreadId;
 }
 
 namespace n_debug::nCoreError {
@@ -53,7 +62,14 @@ namespace nException {
 i::~i() = default;
 char const* i::what() const noexcept { return "nException::i"; }
 iMessage::~iMessage() = default;
-char const* iMessage::what() const noexcept { return mMessage.c_str(); }
+char const* iMessage::what() const noexcept {
+  try {
+    mWhat = v_iMessage_nException();
+  } catch (...) {
+    return "nException::iMessage";
+  }
+  return mWhat.c_str();
+}
 cStringCoeImpl iMessage::v_iMessage_nException() const { return mMessage; }
 }  // namespace nException
 

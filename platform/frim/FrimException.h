@@ -29,6 +29,8 @@ class CORVANTH_EXPORT iMessage : public i {
   iMessage& operator=(iMessage const&) = default;
   ~iMessage() override;
 
+  // The text of v_iMessage_nException, so a subclass that overrides it is
+  // what callers see; kept here until the next call.
   char const* what() const noexcept override;
   cStringCoeImpl fMessage() const { return v_iMessage_nException(); }
 
@@ -38,6 +40,7 @@ class CORVANTH_EXPORT iMessage : public i {
  private:
   virtual cStringCoeImpl v_iMessage_nException() const;
   cStringCoeImpl mMessage;
+  mutable cStringCoeImpl mWhat;
 };
 
 }  // namespace nException

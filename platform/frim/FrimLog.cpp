@@ -52,8 +52,60 @@ constexpr char const* kKnownNames[] = {
 
 }  // namespace
 
-// All live tags and all attachments, under one recursive lock: a target may
-// itself log while it commits, and the nesting is bounded by the tags' limits.
+// One attachment of a target. A commit counts itself in `active` while it
+// runs; a detach marks the link and then waits until the commits that other
+// threads have under way are out, so a target may go once it is detached.
+struct cTargetLink_ {
+  explicit cTargetLink_(iTargetUnit& unit) : target(&unit) {}
+  iTargetUnit* const target;
+  std::atomic<int> active{0};
+  std::atomic<bool> detached{false};
+};
+
+namespace {
+
+using tLinks = std::vector<std::shared_ptr<cTargetLink_>>;
+
+// The links whose commit runs on this thread, innermost last: a detach from
+// inside a commit must not wait for the commit it stands in.
+// Plain storage, so that it has no destructor to outlive; nesting deeper than
+// the array is not remembered (tags' recursion limits stay far below it).
+constexpr int kMaxCommitNesting = 64;
+thread_local cTargetLink_* tCommitting[kMaxCommitNesting];
+thread_local int tCommittingDepth = 0;
+
+class cCommitMark {
+ public:
+  explicit cCommitMark(cTargetLink_& link) : mLink(link) {
+    mLink.active.fetch_add(1, std::memory_order_seq_cst);
+    if (tCommittingDepth < kMaxCommitNesting) tCommitting[tCommittingDepth] = &mLink;
+    ++tCommittingDepth;
+  }
+  ~cCommitMark() {
+    --tCommittingDepth;
+    mLink.active.fetch_sub(1, std::memory_order_release);
+    mLink.active.notify_all();
+  }
+  cCommitMark(cCommitMark const&) = delete;
+  cCommitMark& operator=(cCommitMark const&) = delete;
+
+ private:
+  cTargetLink_& mLink;
+};
+
+void gWaitForOtherCommits(cTargetLink_& link) {
+  int const depth = std::min(tCommittingDepth, kMaxCommitNesting);
+  int const own = static_cast<int>(std::count(tCommitting, tCommitting + depth, &link));
+  for (int seen = link.active.load(std::memory_order_acquire); seen > own;
+       seen = link.active.load(std::memory_order_acquire)) {
+    link.active.wait(seen, std::memory_order_acquire);
+  }
+}
+
+}  // namespace
+
+// All live tags and all attachments. The lock guards attaching and
+// detaching only; commits read the tags' snapshots and never take it.
 class cTagRegistry {
  public:
   static cTagRegistry& gGet() {
@@ -65,8 +117,8 @@ class cTagRegistry {
   void fAdd(iTagControlled& tag) {
     std::lock_guard lock(mMutex);
     mTags.push_back(&tag);
-    for (auto const& [target, items] : mAttachments) {
-      if (gMatches(tag, items)) fLink(tag, *target);
+    for (auto const& attachment : mAttachments) {
+      if (gMatches(tag, attachment.items)) fLink(tag, attachment.link);
     }
   }
 
@@ -84,26 +136,44 @@ class cTagRegistry {
       if (!known) return false;
     }
     fDetachLocked(target);
-    mAttachments.emplace_back(&target, items);
+    auto link = std::make_shared<cTargetLink_>(target);
+    mAttachments.push_back({link, items});
     for (iTagControlled* tag : mTags) {
-      if (gMatches(*tag, items)) fLink(*tag, target);
+      if (gMatches(*tag, items)) fLink(*tag, link);
     }
     return true;
   }
 
   void fDetach(iTargetUnit& target) {
-    std::lock_guard lock(mMutex);
-    fDetachLocked(target);
+    std::shared_ptr<cTargetLink_> link;
+    {
+      std::lock_guard lock(mMutex);
+      link = fDetachLocked(target);
+    }
+    if (link) gWaitForOtherCommits(*link);
   }
 
   iTargetUnit& fDefault() { return *mDefault; }
 
-  void fDeliver(iTagControlled const& tag, cRecord const& record) {
-    std::lock_guard lock(mMutex);
-    for (iTargetUnit* target : tag.mTargets) target->fCommit(record);
+  static void fDeliver(iTagControlled const& tag, cRecord const& record) {
+    std::shared_ptr<tLinks const> links;
+    {
+      std::lock_guard lock(tag.mTargetsMutex);
+      links = tag.mTargets;
+    }
+    if (!links) return;
+    for (auto const& link : *links) {
+      cCommitMark const mark(*link);
+      if (!link->detached.load(std::memory_order_seq_cst)) link->target->fCommit(record);
+    }
   }
 
  private:
+  struct cAttachment {
+    std::shared_ptr<cTargetLink_> link;
+    std::vector<std::string> items;
+  };
+
   cTagRegistry() {
     char const* selection = std::getenv("CORVANTH_LOG");
     char const* file = std::getenv("CORVANTH_LOG_FILE");
@@ -126,27 +196,37 @@ class cTagRegistry {
     return false;
   }
 
-  static void fLink(iTagControlled& tag, iTargetUnit& target) {
-    if (std::find(tag.mTargets.begin(), tag.mTargets.end(), &target) == tag.mTargets.end()) {
-      tag.mTargets.push_back(&target);
-    }
-    tag.mActiveLimit.store(tag.mRecursionLimit, std::memory_order_relaxed);
+  // Copy on write: commits under way keep walking the list they took.
+  template <class Edit>
+  static void fEditTargets(iTagControlled& tag, Edit&& edit) {
+    std::lock_guard lock(tag.mTargetsMutex);
+    auto links = tag.mTargets ? std::make_shared<tLinks>(*tag.mTargets) : std::make_shared<tLinks>();
+    edit(*links);
+    tag.mActiveLimit.store(links->empty() ? -1 : tag.mRecursionLimit, std::memory_order_relaxed);
+    tag.mTargets = links->empty() ? nullptr : std::move(links);
   }
 
-  void fDetachLocked(iTargetUnit& target) {
-    mAttachments.erase(std::remove_if(mAttachments.begin(), mAttachments.end(),
-                                      [&](auto const& a) { return a.first == &target; }),
-                       mAttachments.end());
+  static void fLink(iTagControlled& tag, std::shared_ptr<cTargetLink_> const& link) {
+    fEditTargets(tag, [&](tLinks& links) { links.push_back(link); });
+  }
+
+  std::shared_ptr<cTargetLink_> fDetachLocked(iTargetUnit& target) {
+    auto found = std::find_if(mAttachments.begin(), mAttachments.end(),
+                              [&](cAttachment const& a) { return a.link->target == &target; });
+    if (found == mAttachments.end()) return nullptr;
+    std::shared_ptr<cTargetLink_> link = std::move(found->link);
+    mAttachments.erase(found);
+    link->detached.store(true, std::memory_order_seq_cst);
     for (iTagControlled* tag : mTags) {
-      tag->mTargets.erase(std::remove(tag->mTargets.begin(), tag->mTargets.end(), &target),
-                          tag->mTargets.end());
-      if (tag->mTargets.empty()) tag->mActiveLimit.store(-1, std::memory_order_relaxed);
+      if (!tag->mTargets) continue;
+      fEditTargets(*tag, [&](tLinks& links) { links.erase(std::remove(links.begin(), links.end(), link), links.end()); });
     }
+    return link;
   }
 
-  std::recursive_mutex mMutex;
+  std::mutex mMutex;
   std::vector<iTagControlled*> mTags;
-  std::vector<std::pair<iTargetUnit*, std::vector<std::string>>> mAttachments;
+  std::vector<cAttachment> mAttachments;
   std::unique_ptr<iTargetUnit> mDefault;
 };
 
@@ -187,9 +267,9 @@ std::string gFormatRecord(cRecord const& record) {
   return line;
 }
 
-iTargetUnit::~iTargetUnit() = default;
+iTargetUnit::~iTargetUnit() { gDetachTarget(*this); }
 
-cTargetUnitControlledEvent::~cTargetUnitControlledEvent() = default;
+cTargetUnitControlledEvent::~cTargetUnitControlledEvent() { gDetachTarget(*this); }
 void cTargetUnitControlledEvent::vStart(cStringCoeImpl const&, cStringCoeImpl const&, char const*,
                                         char const*, long, long) {}
 void cTargetUnitControlledEvent::vCommitRecord(cRecord const& r) {
@@ -198,12 +278,13 @@ void cTargetUnitControlledEvent::vCommitRecord(cRecord const& r) {
   vCommit(tag, group, r.module.c_str(), r.source.c_str(), r.line, r.thread, r.text.c_str());
 }
 
-cDescriptorTarget::~cDescriptorTarget() = default;
+cDescriptorTarget::~cDescriptorTarget() { gDetachTarget(*this); }
 void cDescriptorTarget::vCommitRecord(cRecord const& record) { gWriteAll(mFd, gFormatRecord(record)); }
 
 cFileTarget::cFileTarget(std::string const& path)
     : mFd(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644)) {}
 cFileTarget::~cFileTarget() {
+  gDetachTarget(*this);
   if (mFd >= 0) ::close(mFd);
 }
 void cFileTarget::vCommitRecord(cRecord const& record) {
@@ -233,7 +314,7 @@ iTargetUnit& gDefaultTarget() { return cTagRegistry::gGet().fDefault(); }
 iTagControlled::iTagControlled(char const* name, long recursionLimit, cTargetGroup const& group)
     : mName(name), mRecursionLimit(recursionLimit), mGroup(&group) {}
 iTagControlled::~iTagControlled() = default;
-void iTagControlled::fDeliver(cRecord const& record) const { cTagRegistry::gGet().fDeliver(*this, record); }
+void iTagControlled::fDeliver(cRecord const& record) const { cTagRegistry::fDeliver(*this, record); }
 
 cTagSimple::cTagSimple(char const* name, long recursionLimit, int breakpointMode, bool flag,
                        cDebugInfoConfiguration debugInfo, cTargetGroup const& group)
@@ -253,7 +334,8 @@ cLoggerCollector::cLoggerCollector(iTagControlled const* tag, char const* module
 cLoggerCollector::~cLoggerCollector() = default;
 
 void cLoggerCollector::fCommit() const {
-  static int const pid = static_cast<int>(::getpid());
+  // Not cached: a child of fork() writes its own pid.
+  int const pid = static_cast<int>(::getpid());
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
   cRecord record;
@@ -286,12 +368,12 @@ int& gRecursionLevel() noexcept {
   return level;
 }
 
-void gAssertLocaleChanges_debug() noexcept {
+void gAssertLocaleChanges_debug(std::locale const& before) noexcept {
   // A statement's inserters must not leave the global locale changed: records
-  // of later statements would be formatted differently.
-  static std::string const initial = std::locale().name();
+  // of later statements would be formatted differently. The program itself
+  // may change it between statements.
   try {
-    if (std::locale().name() != initial) {
+    if (std::locale() != before) {
       n_debug::nCoreError::gPosition(true, "Log changed the global locale", false, false,
                                      "CorvanthUtil", "Log.dec", __LINE__);
     }

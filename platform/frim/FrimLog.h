@@ -16,11 +16,19 @@
 //   2026-11-21T05:00:19.123456Z	4711	4712	Error	CorvanthUtil	PACKMSG:54	
 // Line breaks inside the text are written as "\n" so that a record stays one line.
 //
-// Thread safety: attaching, detaching and committing may run on any thread.
+// Thread safety: attaching, detaching and committing may run on any thread,
+// also from inside a target's commit. A commit runs on a snapshot of the tag's
+// targets and holds no lock of the facility, so a target may take its own
+// locks and log. Detaching waits for the commits into that target that other
+// threads have under way; every target detaches itself when destroyed. A
+// target derived outside this header should detach in its own destructor if
+// other threads may still be logging into it.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <locale>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <sstream>
@@ -34,6 +42,8 @@
 namespace nLog {
 
 class iTagControlled;
+// One attachment of a target; defined with the registry.
+struct cTargetLink_;
 
 struct cDebugInfoConfiguration {
   bool fileInfo = false;
@@ -70,6 +80,7 @@ CORVANTH_EXPORT std::string gFormatRecord(cRecord const& record);
 
 class CORVANTH_EXPORT iTargetUnit {
  public:
+  // Detaches, so that no tag keeps a pointer to a target that is gone.
   virtual ~iTargetUnit();
   void fCommit(cRecord const& record) { vCommitRecord(record); }
 
@@ -169,7 +180,9 @@ class CORVANTH_EXPORT iTagControlled {
   cTargetGroup const* mGroup;
   std::atomic<long> mActiveLimit{-1};
   std::atomic<bool> mAssertionsThrow{false};
-  std::vector<iTargetUnit*> mTargets;  // guarded by the registry's lock
+  // Replaced, never changed in place, so a commit walks a stable list.
+  mutable std::mutex mTargetsMutex;
+  std::shared_ptr<std::vector<std::shared_ptr<cTargetLink_>> const> mTargets;
 };
 
 class CORVANTH_EXPORT cTagSimple : public iTagControlled {
@@ -256,8 +269,8 @@ class cRecursionGuard {
   bool mCount;
 };
 
-// Checks that composing a statement did not change the global locale.
-CORVANTH_EXPORT void gAssertLocaleChanges_debug() noexcept;
+// Checks that a statement left the global locale as it found it (`before`).
+CORVANTH_EXPORT void gAssertLocaleChanges_debug(std::locale const& before) noexcept;
 
 }  // namespace nImplementation_sho
 

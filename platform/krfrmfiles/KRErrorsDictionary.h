@@ -14,7 +14,10 @@
 // gives key 10 the text `Bad "%s"`. A file above 4 MiB is not read.
 //
 // Files are looked up by plain name (no "/"): first in $KESTRUN_HOME/dat/,
-// then in the installed data directory; the first one found is the one used.
+// then in the installed data directory, which is found relative to the
+// installed library (a moved install finds its own files); the first one found
+// is the one used. A dictionary reads its file when it is made; the
+// exceptions read each file once per process and product home.
 #pragma once
 
 #include <cstddef>

@@ -1,6 +1,7 @@
 // Our Linux build of the error text library: the reader of ".frm" files (the
 // format is told in KRErrorsDictionary.h), the table of loaded texts behind
 // KRErrorsDictionary, and the product exceptions that take their text from it.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,8 +21,8 @@
 #include "KRErrorsDictionary.h"
 #include "KRLogMessage.h"
 
-#ifndef CORVANTH_DATA_DIR
-#error "CORVANTH_DATA_DIR must name the installed data directory"
+#ifndef CORVANTH_DATA_DIR_FROM_LIB
+#error "CORVANTH_DATA_DIR_FROM_LIB must name the data directory relative to the library's"
 #endif
 
 namespace {
@@ -100,12 +101,28 @@ bool gPlainFileName(char const* name) {
   return !text.empty() && text != "." && text != ".." && text.find('/') == std::string_view::npos;
 }
 
+// The installed data directory, found from where this library was loaded, so
+// that an installed tree moved elsewhere still finds its own files.
+std::string const& gInstalledDataDirectory() {
+  static std::string const directory = [] {
+    Dl_info info{};
+    if (::dladdr(reinterpret_cast<void const*>(&gInstalledDataDirectory), &info) == 0 ||
+        info.dli_fname == nullptr)
+      return std::string();
+    std::string library(info.dli_fname);
+    std::size_t const slash = library.rfind('/');
+    std::string const libraryDirectory = slash == std::string::npos ? "." : library.substr(0, slash);
+    return libraryDirectory + "/" CORVANTH_DATA_DIR_FROM_LIB;
+  }();
+  return directory;
+}
+
 std::shared_ptr<tTexts const> gLoad(char const* fileName) {
   if (!gPlainFileName(fileName)) return nullptr;
   std::vector<std::string> directories;
   if (char const* home = std::getenv("KESTRUN_HOME"); home != nullptr && *home != '\0')
     directories.push_back(std::string(home) + "/dat");
-  directories.emplace_back(CORVANTH_DATA_DIR);
+  if (!gInstalledDataDirectory().empty()) directories.push_back(gInstalledDataDirectory());
   for (std::string const& directory : directories) {
     std::string bytes;
     if (!gReadFile(directory + "/" + fileName, bytes)) continue;
@@ -248,11 +265,37 @@ RWCString KRFormatErrorText(std::string_view text, std::string_view const* param
 iKRException::~iKRException() = default;
 char const* iKRException::what() const noexcept { return fGetErrorMsg(); }
 
+namespace {
+
+// The dictionaries that exceptions take their texts from: each file is read
+// once per process (per product home, which tests change), not per exception.
+// A file not found is looked for again next time.
+KRErrorsDictionary gExceptionTexts(char const* fileName) {
+  static std::mutex mutex;
+  static auto* cache = new std::map<std::string, KRErrorsDictionary>();  // never freed: used up to exit
+  if (!gPlainFileName(fileName)) return KRErrorsDictionary();
+  char const* home = std::getenv("KESTRUN_HOME");
+  std::string key = std::string(home != nullptr ? home : "") + '\0' + fileName;
+  {
+    std::lock_guard lock(mutex);
+    if (auto found = cache->find(key); found != cache->end()) return found->second;
+  }
+  KRErrorsDictionary dictionary(fileName);
+  if (dictionary.IsLoaded()) {
+    std::lock_guard lock(mutex);
+    constexpr std::size_t kMaxFiles = 256;
+    if (cache->size() < kMaxFiles) cache->emplace(std::move(key), dictionary);
+  }
+  return dictionary;
+}
+
+}  // namespace
+
 KRErrorException::KRErrorException(tFormat, char const* fileName, int key,
                                    std::string_view const* parameters, std::size_t count)
     : mNumber(static_cast<std::int32_t>(key)) {
   std::string const name = fileName != nullptr ? fileName : "(null)";
-  KRErrorsDictionary const dictionary(fileName);
+  KRErrorsDictionary const dictionary = gExceptionTexts(fileName);
   RWCString text;
   if (!dictionary.IsLoaded()) {
     mMessage = "Error text file \"" + name + "\" not found; key " + std::to_string(key) +

@@ -1,9 +1,15 @@
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <future>
+#include <locale>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -19,6 +25,19 @@ namespace {
 
 using corvanth::test::cCoreReports;
 using corvanth::test::cLogCapture;
+using tTexts = std::vector<std::string>;
+constexpr auto kBound = std::chrono::seconds(20);
+
+nLog::cTagSimple gTestTag(char const* name, long limit = 2) {
+  return nLog::cTagSimple(name, limit, 0, false, nLog::gDebugInfoConfiguration(false, false),
+                          nLog::nBasic::sTraceTargetGroup_);
+}
+
+tTexts gTextsOf(std::vector<nLog::cRecord> const& records) {
+  tTexts texts;
+  for (auto const& r : records) texts.push_back(r.text);
+  return texts;
+}
 
 int gInserted = 0;
 struct cCounted {};
@@ -29,58 +48,52 @@ std::ostream& operator<<(std::ostream& os, cCounted) {
 
 struct cRaising {};
 std::ostream& operator<<(std::ostream&, cRaising) { throw std::runtime_error("inserter broke"); }
-
 struct cRaisingOther {};
 std::ostream& operator<<(std::ostream&, cRaisingOther) { throw 42; }
 
-class cThrowingTarget : public nLog::iTargetUnit {
- public:
-  enum tWhat { eStd, eRw, eOther } what = eStd;
-
- private:
-  void vCommitRecord(nLog::cRecord const&) override {
-    if (what == eStd) throw std::runtime_error("target broke");
-    if (what == eRw) throw RWxmsg("target broke");
-    throw 7;
-  }
-};
-
-TEST(LogStatement, RecordCarriesTagModuleSourceLineThreadAndText) {
+TEST(LogStatement, RecordCarriesItsFieldsAndAForkedChildWritesItsOwnIds) {
   cLogCapture capture("Warning");
   CORVANTH_LOG_AT(nLog::nBasic::sWarningTag_, "streamsocket", 321, "peer " << 17 << " closed");
   auto records = capture.fRecords();
   ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].tag, "Warning");
-  EXPECT_EQ(records[0].group, "warnings");
-  EXPECT_EQ(records[0].module, "CorvanthUtil");
-  EXPECT_EQ(records[0].source, "streamsocket");
-  EXPECT_EQ(records[0].line, 321);
-  EXPECT_EQ(records[0].thread, static_cast<long>(::syscall(SYS_gettid)));
-  EXPECT_EQ(records[0].text, "peer 17 closed");
-  EXPECT_EQ(records[0].pid, ::getpid());
-
-  // One line per record, fields in the documented order.
-  std::string line = nLog::gFormatRecord(records[0]);
-  std::string tail = "\t" + std::to_string(::getpid()) + "\t" + std::to_string(records[0].thread) +
-                     "\tWarning\tCorvanthUtil\tstreamsocket:321\tpeer 17 closed\n";
-  ASSERT_GT(line.size(), tail.size());
+  nLog::cRecord const& r = records[0];
+  EXPECT_EQ(r.tag + " " + r.group + " " + r.module + " " + r.source, "Warning warnings CorvanthUtil streamsocket");
+  EXPECT_EQ(r.line, 321);
+  EXPECT_EQ(r.thread, static_cast<long>(::syscall(SYS_gettid)));
+  EXPECT_EQ(r.pid, ::getpid());
+  std::string const line = nLog::gFormatRecord(r);
+  std::string const tail = "\t" + std::to_string(::getpid()) + "\t" + std::to_string(r.thread) +
+                           "\tWarning\tCorvanthUtil\tstreamsocket:321\tpeer 17 closed\n";
   EXPECT_EQ(line.substr(line.size() - tail.size()), tail);
-  EXPECT_EQ(line[4], '-');
-  EXPECT_EQ(line.find("Z\t"), 26u);  // 2026-11-21T05:00:19.123456Z
-
-  nLog::cRecord multi = records[0];
+  nLog::cRecord multi = r;
   multi.text = "a\nb";
   EXPECT_NE(nLog::gFormatRecord(multi).find("\ta\\nb\n"), std::string::npos);
+
+  // The parent has logged; its child's records carry the child's own ids.
+  int pipeEnds[2];
+  ASSERT_EQ(::pipe(pipeEnds), 0);
+  pid_t const child = ::fork();
+  if (child == 0) {
+    CORVANTH_LOG(nLog::nBasic::sWarningTag_, "test", "child");
+    long ids[2] = {capture.fRecords().back().pid, capture.fRecords().back().thread};
+    _exit(::write(pipeEnds[1], ids, sizeof ids) == sizeof ids ? 0 : 1);
+  }
+  ::close(pipeEnds[1]);
+  long ids[2] = {};
+  EXPECT_EQ(::read(pipeEnds[0], ids, sizeof ids), static_cast<ssize_t>(sizeof ids));
+  ::close(pipeEnds[0]);
+  ::waitpid(child, nullptr, 0);
+  EXPECT_EQ(ids[0], child);
+  EXPECT_EQ(ids[1], child);  // the child's one thread has the process's id
 }
 
 TEST(LogStatement, CitedAssertionKeepsItsSourceAndLineAndCarriesOn) {
   cLogCapture capture;
-  int after = 0;
   int count = 11;
   CORVANTH_ASSERT_AT(count <= 10, "PACKMSG", 54);
-  ++after;
+  ++count;
   CORVANTH_ASSERT_AT(count > 10, "PACKMSG", 55);  // holds: nothing written
-  EXPECT_EQ(after, 1);
+  EXPECT_EQ(count, 12);
   auto at = capture.fAt("PACKMSG", 54);
   ASSERT_EQ(at.size(), 1u);
   EXPECT_EQ(at[0].tag, "Error");
@@ -90,15 +103,12 @@ TEST(LogStatement, CitedAssertionKeepsItsSourceAndLineAndCarriesOn) {
 
 TEST(LogStatement, NullProxyAndSilentTagComposeNothing) {
   nLog::iTagControlled const* nullProxy = nullptr;
-  nLog::cTagSimple quiet("QuietTestTag", 2, 0, false, nLog::gDebugInfoConfiguration(false, false),
-                         nLog::nBasic::sTraceTargetGroup_);
+  auto quiet = gTestTag("QuietTestTag");
   gInserted = 0;
   CORVANTH_LOG(nullProxy, "test", cCounted());
   CORVANTH_LOG(&quiet, "test", cCounted());
   EXPECT_EQ(gInserted, 0);
   EXPECT_EQ(quiet.fRecursionLimit(), -1);
-
-  // The same statement composes once a target listens.
   cLogCapture capture("QuietTestTag");
   CORVANTH_LOG(&quiet, "test", cCounted());
   EXPECT_EQ(gInserted, 1);
@@ -113,44 +123,54 @@ std::ostream& operator<<(std::ostream& os, cNested) {
 }
 
 TEST(LogStatement, NestingStopsAtTheTagsRecursionLimit) {
-  nLog::cTagSimple flat("FlatTestTag", 0, 0, false, nLog::gDebugInfoConfiguration(false, false),
-                        nLog::nBasic::sTraceTargetGroup_);
-  nLog::cTagSimple deep("DeepTestTag", 1, 0, false, nLog::gDebugInfoConfiguration(false, false),
-                        nLog::nBasic::sTraceTargetGroup_);
+  auto flat = gTestTag("FlatTestTag", 0);
+  auto deep = gTestTag("DeepTestTag", 1);
   cLogCapture capture("FlatTestTag,DeepTestTag");
-
   gNestTag = &flat;
   CORVANTH_LOG(gNestTag, "test", cNested());
-  auto records = capture.fRecords();
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].text, "outer");
-
+  EXPECT_EQ(gTextsOf(capture.fRecords()), tTexts{"outer"});
   capture.fClear();
   gNestTag = &deep;
   CORVANTH_LOG(gNestTag, "test", cNested());
-  records = capture.fRecords();
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0].text, "inner");  // the inner statement commits first
-  EXPECT_EQ(records[1].text, "outer");
+  EXPECT_EQ(gTextsOf(capture.fRecords()), (tTexts{"inner", "outer"}));  // the inner one commits first
   EXPECT_EQ(nLog::nImplementation_sho::gRecursionLevel(), 0);
 }
 
-TEST(LogStatement, RaisingInserterIsMarkedAndTheStatementCompletes) {
+TEST(LogStatement, RaisingPartsAreMarkedAndEveryOtherPartStands) {
   cLogCapture capture("Error");
   cCoreReports reports;
-  CORVANTH_LOG(nLog::nBasic::sErrorTag_, "test", "before " << cRaising() << " never");
-  CORVANTH_LOG(nLog::nBasic::sErrorTag_, "test", "x" << cRaisingOther());
-  auto records = capture.fRecords();
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0].text, "before <expression parse throws>(inserter broke)");
-  EXPECT_EQ(records[1].text, "x<expression parse throws>(...)");
+  auto const tag = nLog::nBasic::sErrorTag_;
+  CORVANTH_LOG(tag, "test", "before " << cRaising() << " never");
+  CORVANTH_LOG(tag, "test", "x" << cRaisingOther());
+  CORVANTH_LOG_FORMAT(tag, "test", "name", 1, "two");
+  CORVANTH_LOG_FORMAT(tag, "test", "alone");
+  CORVANTH_LOG_FORMAT(tag, "test", "name", cRaising(), "two", cRaisingOther());
+  nLog::nDeprecated1::zFormatStringType_patch::gSetHasRegular(false);
+  CORVANTH_LOG_FORMAT(tag, "test", "name", 1, "two");
+  nLog::nDeprecated1::zFormatStringType_patch::gSetHasRegular(true);
+  EXPECT_EQ(gTextsOf(capture.fRecords()),
+            (tTexts{"before <expression parse throws>(inserter broke)", "x<expression parse throws>(...)",
+                    "name\t1\ttwo\t", "alone",
+                    "name\t<expression parse throws>\ttwo\t<expression parse throws>\t(inserter broke)",
+                    "name"}));
   EXPECT_TRUE(reports.fHas("Log expression parse throws"));
   EXPECT_TRUE(reports.fHas("Log expression parse threw"));
 }
 
+class cThrowingTarget : public nLog::iTargetUnit {
+ public:
+  enum tWhat { eStd, eRw, eOther } what = eStd;
+
+ private:
+  void vCommitRecord(nLog::cRecord const&) override {
+    if (what == eStd) throw std::runtime_error("target broke");
+    if (what == eRw) throw RWxmsg("target broke");
+    throw 7;
+  }
+};
+
 TEST(LogStatement, RaisingCommitReachesTheCallerAsPlainException) {
-  nLog::cTagSimple tag("CommitTestTag", 2, 0, false, nLog::gDebugInfoConfiguration(false, false),
-                       nLog::nBasic::sTraceTargetGroup_);
+  auto tag = gTestTag("CommitTestTag");
   cThrowingTarget target;
   ASSERT_TRUE(nLog::gAttachTarget(target, "CommitTestTag"));
   cCoreReports reports;
@@ -163,26 +183,14 @@ TEST(LogStatement, RaisingCommitReachesTheCallerAsPlainException) {
       EXPECT_TRUE(typeid(error) == typeid(std::exception)) << typeid(error).name();
     }
   }
-  nLog::gDetachTarget(target);
-  EXPECT_TRUE(reports.fHas("Log failed. fCommit operation of a logger is not allowed to throw std::exception"));
-  EXPECT_TRUE(reports.fHas("Log failed. fCommit operation of a logger is not allowed to throw RWxmsg"));
-  EXPECT_TRUE(reports.fHas("Log failed. fCommit operation of a logger is not allowed to throw ..."));
+  for (char const* kind : {"std::exception", "RWxmsg", "..."})
+    EXPECT_TRUE(reports.fHas(std::string("Log failed. fCommit operation of a logger is not allowed to throw ") + kind));
   EXPECT_EQ(nLog::nImplementation_sho::gRecursionLevel(), 0);
 }
 
-TEST(LogStatement, FormattedStyleJoinsFieldsWithTabs) {
-  cLogCapture capture("Trace");
-  CORVANTH_LOG_FORMAT(nLog::nBasic::sTraceTag_, "test", "name", 1, "two");
-  CORVANTH_LOG_FORMAT(nLog::nBasic::sTraceTag_, "test", "alone");
-  nLog::nDeprecated1::zFormatStringType_patch::gSetHasRegular(false);
-  CORVANTH_LOG_FORMAT(nLog::nBasic::sTraceTag_, "test", "name", 1, "two");
-  nLog::nDeprecated1::zFormatStringType_patch::gSetHasRegular(true);
-  auto records = capture.fRecords();
-  ASSERT_EQ(records.size(), 3u);
-  EXPECT_EQ(records[0].text, "name\t1\ttwo\t");
-  EXPECT_EQ(records[1].text, "alone");
-  EXPECT_EQ(records[2].text, "name");
-}
+class cOwnText : public nException::iMessage {
+  cStringCoeImpl v_iMessage_nException() const override { return "the subclass's own text"; }
+};
 
 TEST(LogStatement, AssertionRaisesOnlyWhenItsTagAsksForIt) {
   cLogCapture capture("Error");
@@ -194,10 +202,30 @@ TEST(LogStatement, AssertionRaisesOnlyWhenItsTagAsksForIt) {
     ADD_FAILURE() << "assertion did not raise";
   } catch (n_debug::cBrokenModuleException const& e) {
     EXPECT_EQ(e.fGetDebugInfo().fString(), "PACKMSG:74");
+    EXPECT_STREQ(e.what(), "assertion failed");
   }
   error->fSetAssertionsThrow(false);
   CORVANTH_ASSERT_AT(1 == 2, "PACKMSG", 74);
   EXPECT_EQ(capture.fAt("PACKMSG", 74).size(), 2u);
+  EXPECT_STREQ(cOwnText().what(), "the subclass's own text");  // what() is the virtual's text
+}
+
+struct cLocaleChanger {};
+std::ostream& operator<<(std::ostream& os, cLocaleChanger) {
+  std::locale::global(std::locale(std::locale::classic(), new std::numpunct<char>));
+  return os;
+}
+
+TEST(LogStatement, OnlyAStatementThatChangesTheGlobalLocaleIsReported) {
+  cLogCapture capture("Warning");
+  CORVANTH_LOG(nLog::nBasic::sWarningTag_, "test", "before the program changes its locale");
+  std::locale const original = std::locale::global(std::locale(std::locale::classic(), new std::numpunct<char>));
+  cCoreReports reports;
+  CORVANTH_LOG(nLog::nBasic::sWarningTag_, "test", "after");
+  EXPECT_FALSE(reports.fHas("Log changed the global locale"));
+  CORVANTH_LOG(nLog::nBasic::sWarningTag_, "test", cLocaleChanger());
+  EXPECT_TRUE(reports.fHas("Log changed the global locale"));
+  std::locale::global(original);
 }
 
 TEST(LogFacility, SelectionsAndTheLibrarysTraceTag) {
@@ -210,10 +238,94 @@ TEST(LogFacility, SelectionsAndTheLibrarysTraceTag) {
   CORVANTH_LOG(nCorvanth::sTraceTag_, "streamsocket", "after detach");
   auto records = target.fRecords();
   ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].tag, "CorvanthT");
-  EXPECT_EQ(records[0].group, "traces");
+  EXPECT_EQ(records[0].tag + " " + records[0].group, "CorvanthT traces");
   EXPECT_EQ(nCorvanth::sTraceTag_.fGet(), nCorvanth::sTraceTag_.fGet());
   EXPECT_EQ(nCorvanth::sTraceTag_.fGet()->fConfiguredRecursionLimit(), 0);
+}
+
+// A target whose commit takes a lock of its own. Bounded, so that a facility
+// that deadlocks here fails the test instead of hanging it.
+class cLockingTarget : public nLog::iTargetUnit {
+ public:
+  std::timed_mutex lock;
+  std::promise<void> entered;
+  bool gaveUp = false;
+
+ private:
+  void vCommitRecord(nLog::cRecord const&) override {
+    entered.set_value();
+    gaveUp = !lock.try_lock_for(std::chrono::seconds(15));
+    if (!gaveUp) lock.unlock();
+  }
+};
+
+TEST(LogFacility, AThreadThatHoldsATargetsLockCanLogWhileThatTargetWaits) {
+  auto slowTag = gTestTag("SlowTestTag");
+  auto otherTag = gTestTag("OtherTestTag");
+  cLockingTarget locking;
+  ASSERT_TRUE(nLog::gAttachTarget(locking, "SlowTestTag"));
+  cLogCapture capture("OtherTestTag");
+  locking.lock.lock();
+  auto slow = std::async(std::launch::async, [&] { CORVANTH_LOG(&slowTag, "test", "waits for the lock"); });
+  ASSERT_EQ(locking.entered.get_future().wait_for(kBound), std::future_status::ready);
+  CORVANTH_LOG(&otherTag, "test", "logged by the lock's holder");
+  locking.lock.unlock();
+  ASSERT_EQ(slow.wait_for(kBound), std::future_status::ready);
+  EXPECT_FALSE(locking.gaveUp);
+  EXPECT_EQ(capture.fRecords().size(), 1u);
+}
+
+// Hands over from inside its own commit: detaches itself, attaches a follower.
+class cHandOverTarget : public nLog::iTargetUnit {
+ public:
+  nLog::cCaptureTarget follower;
+  int commits = 0;
+
+ private:
+  void vCommitRecord(nLog::cRecord const&) override {
+    ++commits;
+    nLog::gDetachTarget(*this);
+    EXPECT_TRUE(nLog::gAttachTarget(follower, "HandOverTestTag"));
+  }
+};
+
+// A target of the user's, through the two-event interface.
+class cUserTarget : public nLog::cTargetUnitControlledEvent {
+ public:
+  tTexts texts;
+
+ private:
+  void vCommit(cStringCoeImpl const& tag, cStringCoeImpl const&, char const*, char const* source, long, long,
+               char const* text) override {
+    texts.push_back(tag.fString() + " " + source + " " + text);
+  }
+};
+
+TEST(LogFacility, AttachAndDetachAnyTimeAndEveryTargetDetachesWhenDestroyed) {
+  auto tag = gTestTag("HandOverTestTag");
+  cHandOverTarget handOver;
+  ASSERT_TRUE(nLog::gAttachTarget(handOver, "HandOverTestTag"));
+  cLogCapture stays("HandOverTestTag");  // committed after the hand-over
+  CORVANTH_LOG(&tag, "test", "one");
+  CORVANTH_LOG(&tag, "test", "two");
+  EXPECT_EQ(handOver.commits, 1);
+  EXPECT_EQ(gTextsOf(stays.fRecords()), (tTexts{"one", "two"}));
+  EXPECT_EQ(gTextsOf(handOver.follower.fRecords()), tTexts{"two"});
+
+  auto quiet = gTestTag("DestroyTestTag");
+  auto* file = new nLog::cFileTarget(::testing::TempDir() + "corvanth_destroyed_target.txt");
+  auto* descriptor = new nLog::cDescriptorTarget(-1);
+  auto* user = new cUserTarget;
+  for (nLog::iTargetUnit* target : std::vector<nLog::iTargetUnit*>{file, descriptor, user})
+    ASSERT_TRUE(nLog::gAttachTarget(*target, "DestroyTestTag"));
+  CORVANTH_LOG_AT(&quiet, "user", 5, "seen");
+  EXPECT_EQ(user->texts, tTexts{"DestroyTestTag user seen"});
+  delete file;
+  delete descriptor;
+  delete user;
+  EXPECT_EQ(quiet.fRecursionLimit(), -1);  // nothing listens any more
+  CORVANTH_LOG(&quiet, "test", "after");
+  std::remove((::testing::TempDir() + "corvanth_destroyed_target.txt").c_str());
 }
 
 // Runs the probe with the given environment and gives the tag column of
@@ -236,14 +348,31 @@ std::vector<std::string> gProbeTags(std::string const& selection, int runs = 1) 
 }
 
 TEST(LogFacility, EnvironmentChoosesTheDefaultTargetsTags) {
-  using tTags = std::vector<std::string>;
-  EXPECT_EQ(gProbeTags("<unset>"), (tTags{"Error", "ErrorPerformance", "Warning", "WarningPerformance"}));
-  EXPECT_EQ(gProbeTags("none"), tTags{});
-  EXPECT_EQ(gProbeTags("warnings, TRACE,corvantht"), (tTags{"Warning", "WarningPerformance", "Trace", "CorvanthT"}));
-  EXPECT_EQ(gProbeTags("all").size(), 9u);
+  EXPECT_EQ(gProbeTags("<unset>"), (tTexts{"Error", "ErrorPerformance", "Warning", "WarningPerformance"}));
+  EXPECT_EQ(gProbeTags("none"), tTexts{});
+  EXPECT_EQ(gProbeTags("warnings, TRACE,corvantht"), (tTexts{"Warning", "WarningPerformance", "Trace", "CorvanthT"}));
   EXPECT_EQ(gProbeTags("all", 2).size(), 18u);  // a second process appends to the file
   // An unknown name falls back to the default, with a core report on stderr.
   EXPECT_EQ(gProbeTags("nonsense").size(), 4u);
+}
+
+TEST(ErrorTexts, AMovedInstallFindsItsOwnDataDirectory) {
+  namespace fs = std::filesystem;
+  fs::path const prefix = fs::path(::testing::TempDir()) / ("corvanth-moved-" + std::to_string(::getpid()));
+  fs::path const lib = prefix / CORVANTH_INSTALL_LIBDIR, data = prefix / CORVANTH_INSTALL_DATADIR / "CorvanthUtil";
+  fs::create_directories(lib);
+  fs::create_directories(data);
+  fs::copy_file(CORVANTH_LIBRARY_FILE, lib / CORVANTH_LIBRARY_SONAME, fs::copy_options::overwrite_existing);
+  std::ofstream(data / "moved.frm") << "1\tfound beside the library: %s\n";
+  std::string const command = "env -u KESTRUN_HOME LD_LIBRARY_PATH='" + lib.string() + "' " FRM_PROBE " moved.frm 1 x";
+  std::string output;
+  if (FILE* pipe = ::popen(command.c_str(), "r")) {
+    char buffer[256];
+    while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) output += buffer;
+    ::pclose(pipe);
+  }
+  fs::remove_all(prefix);
+  EXPECT_EQ(output, "found beside the library: x\n");
 }
 
 }  // namespace
