@@ -2,7 +2,7 @@
 //
 //   corvanth --version        print the library's version
 //   corvanth log-demo         write one log record of each tag to standard output
-//   corvanth group ...        start commands as one process group, kill it newest first
+//   corvanth group ...        start commands as one named group, kill it newest first
 //   corvanth serve ...        answer messages whose data is a parameter string form
 //   corvanth send ...         send one such message and print the answer
 //   corvanth local_thr ...    frame throughput between two processes, with remote_thr
@@ -23,6 +23,7 @@
 #include <ctime>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "CorvanthUtil.h"
@@ -40,9 +41,10 @@ int gUsage(FILE* out) {
       "  log-demo     write one log record of each tag to standard output, one line each:\n"
       "               UTC time, pid, thread id, tag, module, source:line, text (tab-separated)\n"
       "  group [--name <name>] <seconds> -- <command> [<arg>...] [';' <command> [<arg>...]]...\n"
-      "               start the commands as one named process group; on SIGINT, SIGTERM, the\n"
-      "               time-out or when all have ended, kill them newest first and print each\n"
-      "               kill step's outcome (exit 1 unless every kill step succeeded)\n"
+      "               start the commands as one named group, each in a process group of its\n"
+      "               own; on SIGINT, SIGTERM, the time-out or when all have ended, kill them\n"
+      "               newest first, each with the processes it started, and print each kill\n"
+      "               step's outcome (exit 1 unless every kill step succeeded)\n"
       "%s"
       "  help         print this text\n"
       "\n"
@@ -73,10 +75,14 @@ int gLogDemo() {
   return 0;
 }
 
-// --- group: start commands as one process group, kill it newest first --------
+// --- group: start commands as one named group, kill it newest first ----------
 
 // Prints each kill step of the group as "kill <pid>: <outcome>".
 class cKillStepPrinter : public nLog::iTargetUnit {
+ public:
+  // The pid of each handle, which the kill step's text names by its value.
+  std::vector<std::pair<std::uintptr_t, pid_t>> pids;
+
  private:
   void vCommitRecord(nLog::cRecord const& record) override {
     std::string_view text = record.text;
@@ -85,9 +91,12 @@ class cKillStepPrinter : public nLog::iTargetUnit {
     text.remove_prefix(prefix.size());
     std::size_t const tab = text.find('\t');
     std::string const handle(text.substr(tab == std::string_view::npos ? text.size() : tab + 1));
-    std::printf("kill %lld: %.*s\n",
-                static_cast<long long>(std::strtoull(handle.c_str(), nullptr, 16)),
-                static_cast<int>(text.substr(0, tab).size()), text.data());
+    std::uintptr_t const value = std::strtoull(handle.c_str(), nullptr, 16);
+    long long pid = -1;
+    for (auto const& [known, itsPid] : pids)
+      if (known == value) pid = itsPid;
+    std::printf("kill %lld: %.*s\n", pid, static_cast<int>(text.substr(0, tab).size()),
+                text.data());
     std::fflush(stdout);
   }
 };
@@ -125,7 +134,10 @@ int gGroup(int argc, char** argv) {
   }
 
   // The signals wait in sigtimedwait; the children get default handling, and
-  // a process group of their own, so that a terminal's ^C reaches only us.
+  // each a process group of its own, so that a terminal's ^C reaches only us
+  // and the kill of a command reaches the processes it started. An inherited
+  // SIG_IGN would let ended commands vanish unseen.
+  ::signal(SIGCHLD, SIG_DFL);
   sigset_t wanted;
   sigemptyset(&wanted);
   sigaddset(&wanted, SIGINT);
@@ -141,12 +153,13 @@ int gGroup(int argc, char** argv) {
   posix_spawnattr_setsigdefault(&attributes, &wanted);
   posix_spawnattr_setflags(&attributes,
                            POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+  posix_spawnattr_setpgroup(&attributes, 0);
 
   ProcessesGroupManager manager;
+  cKillStepPrinter printer;
   std::vector<pid_t> started;
   bool failed = false;
   for (std::vector<char*>& command : commands) {
-    posix_spawnattr_setpgroup(&attributes, started.empty() ? 0 : started.front());
     pid_t pid = 0;
     int const error = posix_spawnp(&pid, command[0], nullptr, &attributes, command.data(), environ);
     if (error != 0) {
@@ -156,7 +169,15 @@ int gGroup(int argc, char** argv) {
       break;
     }
     started.push_back(pid);
-    void* handle = reinterpret_cast<void*>(static_cast<std::intptr_t>(pid));
+    // Nothing reaps the command before its kill step, so its pid is still its own here.
+    void* handle = MXPOpenProcessGroup(pid);
+    if (handle == nullptr) {
+      ::kill(-pid, SIGKILL);
+      ::waitpid(pid, nullptr, 0);
+      failed = true;
+      break;
+    }
+    printer.pids.emplace_back(reinterpret_cast<std::uintptr_t>(handle), pid);
     if (manager.AddProcessToGroup(name, handle) == nullptr) failed = true;
     std::printf("started %d: %s\n", static_cast<int>(pid), command[0]);
   }
@@ -204,10 +225,10 @@ int gGroup(int argc, char** argv) {
   std::printf("stopping group %s: %s\n", name.c_str(), reason);
   std::fflush(stdout);
 
-  cKillStepPrinter printer;
   nLog::gAttachTarget(printer, "Execution");
   bool const killed = !started.empty() && manager.TerminateGroup(name);
   nLog::gDetachTarget(printer);
+  for (auto const& [handle, pid] : printer.pids) MXPCloseProcess(reinterpret_cast<void*>(handle));
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   std::printf("group %s: %s\n", name.c_str(),
               killed ? "every process killed" : "not every kill step succeeded");

@@ -11,67 +11,57 @@ extern "C" {
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fcntl.h>
+
 #include <cerrno>
-#include <cstddef>
+#include <climits>
 #include <cstdint>
-#include <mutex>
+#include <cstdio>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 extern char** environ;
 
 namespace {
 
-// How long a killed process may take to be gone before we stop watching it;
-// SIGKILL is final, so the answer is "killed" all the same.
+// How long a killed process may take to be gone; one that takes longer is
+// reported as not killed.
 constexpr int kGoneWaitMilliseconds = 30000;
 
-// Pids this module reaped lately: a later kill of one of them is "already
-// terminated", not "cannot find". Bounded; the oldest is forgotten first.
-class cReapedPids {
- public:
-  void fNote(pid_t pid) {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mPids[mNext] = pid;
-    mNext = (mNext + 1) % kSize;
-  }
-  void fForget(pid_t pid) {
-    std::lock_guard<std::mutex> lock(mMutex);
-    for (pid_t& known : mPids)
-      if (known == pid) known = 0;
-  }
-  bool fHas(pid_t pid) {
-    std::lock_guard<std::mutex> lock(mMutex);
-    for (pid_t known : mPids)
-      if (known == pid) return true;
-    return false;
-  }
+// A handle is the pidfd's descriptor, with this bit set when the kill is to
+// reach the process's group too; descriptors never reach it.
+constexpr std::uintptr_t kGroupBit = std::uintptr_t{1} << 31;
 
- private:
-  static constexpr std::size_t kSize = 64;
-  std::mutex mMutex;
-  pid_t mPids[kSize] = {};
-  std::size_t mNext = 0;
+// Not defined by the C library's headers yet (Linux 6.9).
+constexpr unsigned kSignalProcessGroup = 1u << 2;
+
+struct cHandle {
+  int pidfd = -1;  // -1: the value is no handle
+  bool group = false;
 };
 
-cReapedPids& gReaped() {
-  static cReapedPids reaped;
-  return reaped;
+cHandle gHandleOf(void* handle) {
+  auto const raw = reinterpret_cast<std::uintptr_t>(handle);
+  std::uintptr_t const fd = raw & ~kGroupBit;
+  if (fd == 0 || fd > INT_MAX) return {};
+  return {static_cast<int>(fd), (raw & kGroupBit) != 0};
 }
 
-class cDescriptor {
- public:
-  explicit cDescriptor(int fd) : mFd(fd) {}
-  cDescriptor(cDescriptor const&) = delete;
-  cDescriptor& operator=(cDescriptor const&) = delete;
-  ~cDescriptor() {
-    if (mFd >= 0) ::close(mFd);
+void* gOpen(int pid, bool group) {
+  if (pid <= 0) return nullptr;
+  int fd = ::pidfd_open(pid, 0);
+  if (fd < 0) return nullptr;
+  if (fd == 0) {
+    // 0 would read as a null handle.
+    int const moved = ::fcntl(fd, F_DUPFD_CLOEXEC, 1);
+    ::close(fd);
+    if (moved < 0) return nullptr;
+    fd = moved;
   }
-  int fGet() const { return mFd; }
-
- private:
-  int mFd;
-};
+  return reinterpret_cast<void*>(static_cast<std::uintptr_t>(fd) | (group ? kGroupBit : 0));
+}
 
 // A pidfd turns readable when its process has exited.
 bool gHasExited(int pidfd, int timeoutMilliseconds) {
@@ -84,16 +74,62 @@ bool gHasExited(int pidfd, int timeoutMilliseconds) {
 }
 
 // Reaps the process if it is our child; ECHILD says it is someone else's.
-void gReapIfChild(int pidfd, pid_t pid) {
+void gReapIfChild(int pidfd) {
   siginfo_t info{};
-  for (;;) {
-    if (::waitid(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(pidfd), &info,
-                 WEXITED | WNOHANG) == 0) {
-      if (info.si_pid != 0) gReaped().fNote(pid);
-      return;
-    }
-    if (errno != EINTR) return;
+  while (::waitid(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(pidfd), &info,
+                  WEXITED | WNOHANG) != 0 &&
+         errno == EINTR) {
   }
+}
+
+bool gIsUnreapedChild(int pidfd) {
+  siginfo_t info{};
+  return ::waitid(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(pidfd), &info,
+                  WEXITED | WNOHANG | WNOWAIT) == 0;
+}
+
+// A child of ours that outlived the wait after SIGKILL still ends some day;
+// someone must reap it then, or it stays a zombie of ours.
+void gReapWhenGone(int pidfd) {
+  if (!gIsUnreapedChild(pidfd)) return;
+  int const kept = ::fcntl(pidfd, F_DUPFD_CLOEXEC, 0);
+  if (kept < 0) return;
+  try {
+    std::thread([kept] {
+      siginfo_t info{};
+      while (::waitid(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(kept), &info, WEXITED) !=
+                 0 &&
+             errno == EINTR) {
+      }
+      ::close(kept);
+    }).detach();
+  } catch (std::system_error const&) {
+    ::close(kept);
+  }
+}
+
+// The pid behind a pidfd, as the kernel shows it; 0 when unknown.
+pid_t gPidOf(int pidfd) {
+  char path[64];
+  std::snprintf(path, sizeof path, "/proc/self/fdinfo/%d", pidfd);
+  FILE* const info = std::fopen(path, "re");
+  if (info == nullptr) return 0;
+  int pid = 0;
+  char line[128];
+  while (std::fgets(line, sizeof line, info) != nullptr)
+    if (std::sscanf(line, "Pid: %d", &pid) == 1) break;
+  std::fclose(info);
+  return pid > 0 ? pid : 0;
+}
+
+// Ends what is left of the group that the process leads. Through the pidfd
+// the group stays the one the handle was made for; older kernels need the
+// group id, safe only while our unreaped child holds it.
+void gKillGroup(int pidfd) {
+  if (::pidfd_send_signal(pidfd, SIGKILL, nullptr, kSignalProcessGroup) == 0 || errno != EINVAL)
+    return;
+  if (!gIsUnreapedChild(pidfd)) return;
+  if (pid_t const leader = gPidOf(pidfd); leader > 0) ::kill(-leader, SIGKILL);
 }
 
 // Words as a POSIX shell splits them, without expansions. False when a quote is left open.
@@ -141,31 +177,45 @@ bool gSplitWords(char const* text, std::vector<std::string>& words) {
 
 }  // namespace
 
-tMXPKillProcess_ gMXPKillProcess(void* const& handle) {
-  auto const raw = reinterpret_cast<std::intptr_t>(handle);
-  // 0 and negative values would name process groups, never one process.
-  if (raw <= 0 || raw > INT32_MAX) return eMXPKillProcessCannotFind;
-  auto const pid = static_cast<pid_t>(raw);
+void* MXPOpenProcess(int pid) { return gOpen(pid, false); }
 
-  // A pidfd pins the process, so the checks and the signal below all reach
-  // the same one even if the pid is freed and reused meanwhile.
-  cDescriptor const pidfd(::pidfd_open(pid, 0));
-  if (pidfd.fGet() < 0) {
-    if (errno == ESRCH)
-      return gReaped().fHas(pid) ? eMXPKillProcessAlreadyTerminated : eMXPKillProcessCannotFind;
-    return eMXPKillProcessCannotKill;
+void* MXPOpenProcessGroup(int pid) { return gOpen(pid, true); }
+
+void MXPCloseProcess(void* handle) {
+  if (cHandle const bound = gHandleOf(handle); bound.pidfd > 0) ::close(bound.pidfd);
+}
+
+tMXPKillProcess_ gMXPKillProcess(void* const& handle) {
+  return gMXPKillProcessWithin(handle, kGoneWaitMilliseconds);
+}
+
+tMXPKillProcess_ gMXPKillProcessWithin(void* const& handle, int milliseconds) {
+  cHandle const bound = gHandleOf(handle);
+  if (bound.pidfd < 0) return eMXPKillProcessCannotFind;
+  // Signal 0 tells a pidfd from any other descriptor; ESRCH means the
+  // process was reaped, and a pidfd never names another process.
+  bool reaped = false;
+  if (::pidfd_send_signal(bound.pidfd, 0, nullptr, 0) != 0) {
+    if (errno == ESRCH) {
+      reaped = true;
+    } else if (errno != EPERM) {
+      return eMXPKillProcessCannotFind;
+    }
   }
-  gReaped().fForget(pid);  // the pid stands for a living process again
-  if (gHasExited(pidfd.fGet(), 0)) {
-    gReapIfChild(pidfd.fGet(), pid);
+  bool const ended = reaped || gHasExited(bound.pidfd, 0);
+  // A leader that ended by itself may have left its children running.
+  if (bound.group) gKillGroup(bound.pidfd);
+  if (ended) {
+    gReapIfChild(bound.pidfd);
     return eMXPKillProcessAlreadyTerminated;
   }
-  if (::pidfd_send_signal(pidfd.fGet(), SIGKILL, nullptr, 0) != 0) {
-    if (errno == ESRCH) return eMXPKillProcessAlreadyTerminated;
+  if (::pidfd_send_signal(bound.pidfd, SIGKILL, nullptr, 0) != 0)
+    return errno == ESRCH ? eMXPKillProcessAlreadyTerminated : eMXPKillProcessCannotKill;
+  if (!gHasExited(bound.pidfd, milliseconds)) {
+    gReapWhenGone(bound.pidfd);
     return eMXPKillProcessCannotKill;
   }
-  gHasExited(pidfd.fGet(), kGoneWaitMilliseconds);
-  gReapIfChild(pidfd.fGet(), pid);
+  gReapIfChild(bound.pidfd);
   return eMXPKillProcessKilled;
 }
 

@@ -5,26 +5,38 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+extern "C" {
+#include <sys/pidfd.h>
+}
 
-#include <cerrno>
-#include <cstdint>
+#include <chrono>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
+
+#include "KRPlatform.h"
 
 namespace corvanth::test {
 
-void* cChild::fHandle() const { return reinterpret_cast<void*>(static_cast<std::intptr_t>(pid)); }
-
-bool gIsGone(cChild const& child) {
-  pollfd watch{child.lifeFd, POLLIN, 0};
-  return ::poll(&watch, 1, 0) == 1 && (watch.revents & (POLLHUP | POLLIN)) != 0;
+bool gEnded(int pidfd, int milliseconds) {
+  pollfd watch{pidfd, POLLIN, 0};
+  return ::poll(&watch, 1, milliseconds) == 1;
 }
 
-void gWaitZombie(cChild const& child) {
-  siginfo_t info{};
-  while (::waitid(P_PID, static_cast<id_t>(child.pid), &info, WEXITED | WNOWAIT) != 0 &&
-         errno == EINTR) {
+bool gWithin(int milliseconds, std::function<bool()> const& done) {
+  for (int waited = 0; !done(); waited += 10) {
+    if (waited >= milliseconds) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
+  return true;
+}
+
+int gInChild(std::function<int()> const& body) {
+  pid_t const pid = ::fork();
+  if (pid == 0) ::_exit(body());
+  int status = 0;
+  if (pid < 0 || ::waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 cChildren::~cChildren() {
@@ -34,40 +46,35 @@ cChildren::~cChildren() {
       ::kill(child.pid, SIGKILL);
       ::waitpid(child.pid, nullptr, 0);
     }
-    ::close(child.lifeFd);
+    ::close(child.pidfd);
+    MXPCloseProcess(child.handle);
   }
 }
 
 cChild cChildren::fStart(bool exitAtOnce) {
-  int life[2];
-  if (::pipe(life) != 0) throw std::runtime_error("pipe");
   pid_t const pid = ::fork();
   if (pid < 0) throw std::runtime_error("fork");
   if (pid == 0) {
     // Only async-signal-safe calls here; the child never outlives the test.
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    ::close(life[0]);
+    ::prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
     if (exitAtOnce) ::_exit(0);
     for (;;) ::pause();
   }
-  ::close(life[1]);
-  mChildren.push_back(cChild{pid, life[0]});
+  mChildren.push_back(cChild{pid, ::pidfd_open(pid, 0), MXPOpenProcess(pid)});
   return mChildren.back();
 }
-
-cDeathWitness::cDeathWitness(std::vector<cChild> watched) : mWatched(std::move(watched)) {}
-cDeathWitness::~cDeathWitness() = default;
 
 void cDeathWitness::vCommitRecord(nLog::cRecord const& record) {
   if (record.text.rfind("gKillProcess", 0) != 0) return;
   cSeen seen{record.text, {}};
-  for (cChild const& child : mWatched) seen.gone += gIsGone(child) ? 'x' : '-';
+  for (cChild const& child : mWatched) seen.gone += gEnded(child.pidfd) ? 'x' : '-';
   mSeen.push_back(seen);
 }
 
 std::string gKillText(char const* message, cChild const& child) {
   std::ostringstream text;
-  text << message << '\t' << child.fHandle();
+  text << message << '\t' << child.handle;
   return text.str();
 }
 

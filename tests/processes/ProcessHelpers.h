@@ -1,9 +1,10 @@
-// Real child processes for the process tests: sleepers that live until they
-// are killed, each with a life pipe whose read end hangs up when it dies.
+// Real processes for the process tests: children that live until they are
+// killed, each with a handle and a pidfd of the test's own to see it end.
 #pragma once
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -13,16 +14,18 @@ namespace corvanth::test {
 
 struct cChild {
   pid_t pid = -1;
-  int lifeFd = -1;  // read end; hangs up when the child is gone
-  void* fHandle() const;
+  int pidfd = -1;          // the test's own view of the child
+  void* handle = nullptr;  // made when it was started
 };
 
-// True once the child's life pipe has hung up; never blocks.
-bool gIsGone(cChild const& child);
-// Blocks until the child has exited and leaves it a zombie.
-void gWaitZombie(cChild const& child);
+// True once the process of `pidfd` has ended, waiting at most `milliseconds`.
+bool gEnded(int pidfd, int milliseconds = 0);
+// True once `done` holds, asking every 10 ms for at most `milliseconds`.
+bool gWithin(int milliseconds, std::function<bool()> const& done);
+// Runs `body` in a child process; its result, or -1 when it did not exit.
+int gInChild(std::function<int()> const& body);
 
-// Children started by a test; whatever is left is killed and reaped at the end.
+// Children started by a test; what nobody reaped yet is killed at the end.
 class cChildren {
  public:
   cChildren() = default;
@@ -36,22 +39,20 @@ class cChildren {
   std::vector<cChild> mChildren;
 };
 
-// Notes, for each kill statement, its text and which children were gone at that moment.
+// Notes, for each kill statement, its text and which children had ended then.
 class cDeathWitness : public nLog::iTargetUnit {
  public:
-  explicit cDeathWitness(std::vector<cChild> watched);
-  ~cDeathWitness() override;
+  explicit cDeathWitness(std::vector<cChild> watched) : mWatched(std::move(watched)) {}
   struct cSeen {
     std::string text;
-    std::string gone;  // one character per watched child: 'x' gone, '-' alive
+    std::string gone;  // one character per watched child: 'x' ended, '-' alive
     bool operator==(cSeen const&) const = default;
   };
-  std::vector<cSeen> fSeen() const { return mSeen; }
+  std::vector<cSeen> mSeen;
 
  private:
   void vCommitRecord(nLog::cRecord const& record) override;
   std::vector<cChild> mWatched;
-  std::vector<cSeen> mSeen;
 };
 
 // The text "<message>\t<handle>" that the kill step writes for a child.

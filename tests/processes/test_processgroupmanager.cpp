@@ -14,52 +14,36 @@ namespace {
 using namespace corvanth::test;
 using tSeen = std::vector<cDeathWitness::cSeen>;
 
-// Adds each child to the named group and gives the group of the last.
-ProcessGroup* gAdd(ProcessesGroupManager& manager, RWCString& name,
-                   std::vector<cChild> const& children) {
-  ProcessGroup* group = nullptr;
-  for (cChild const& child : children) {
-    void* handle = child.fHandle();
-    group = manager.AddProcessToGroup(name, handle);
-  }
-  return group;
-}
-
-// Terminates the group under a witness of the watched children's deaths.
-tSeen gTerminate(ProcessesGroupManager& manager, RWCString& name, std::vector<cChild> watched,
-                 bool expected) {
-  cDeathWitness witness(std::move(watched));
-  EXPECT_TRUE(nLog::gAttachTarget(witness, "Execution"));
-  EXPECT_EQ(manager.TerminateGroup(name), expected);
-  nLog::gDetachTarget(witness);
-  return witness.fSeen();
-}
-
-// Handles that are never killed: the tests that use them kill nothing.
+// Handles of no process: the tests that use them kill nothing.
 void* gFakeHandle(int shift) { return reinterpret_cast<void*>(std::intptr_t{1} << shift); }
 
-TEST(ProcessesGroupManager, KillsTheMembersNewestFirstAndFreesTheName) {
+TEST(ProcessesGroupManager, KillsNewestFirstGoesOnPastAnEndedMemberAndFreesTheName) {
   cChildren children;
-  cChild const a = children.fStart(), b = children.fStart(), c = children.fStart();
+  cChild const a = children.fStart(), b = children.fStart(true), c = children.fStart();
+  ASSERT_TRUE(gEnded(b.pidfd, 10000));
   ProcessesGroupManager manager;
   RWCString name("workers");
-  ProcessGroup* const group = gAdd(manager, name, {a, b, c});
+  ProcessGroup* group = nullptr;
+  for (cChild const& child : {a, b, c}) {
+    void* handle = child.handle;
+    group = manager.AddProcessToGroup(name, handle);
+  }
   ASSERT_NE(group, nullptr);
   EXPECT_EQ(group->groupValue, 1);
-  EXPECT_EQ(group->entries(), 3u);
-  EXPECT_EQ(static_cast<ProcessInfo*>(group->at(1))->handle, b.fHandle());
+  EXPECT_EQ(static_cast<ProcessInfo*>(group->at(1))->handle, b.handle);
 
   cLogCapture capture;
-  // At each statement exactly the processes killed so far are gone: C, then B, then A.
-  EXPECT_EQ(gTerminate(manager, name, {a, b, c}, true),
-            (tSeen{{gKillText("gKillProcess(%d) killed", c), "--x"},
-                   {gKillText("gKillProcess(%d) killed", b), "-xx"},
-                   {gKillText("gKillProcess(%d) killed", a), "xxx"}}));
+  cDeathWitness witness({a, b, c});
+  ASSERT_TRUE(nLog::gAttachTarget(witness, "Execution"));
+  // The ended member fails the group; at each statement exactly those killed so far are gone.
+  EXPECT_FALSE(manager.TerminateGroup(name));
+  nLog::gDetachTarget(witness);
+  EXPECT_EQ(witness.mSeen, (tSeen{{gKillText("gKillProcess(%d) killed", c), "-xx"},
+                                  {gKillText("gKillProcess(%d) already terminated", b), "-xx"},
+                                  {gKillText("gKillProcess(%d) killed", a), "xxx"}}));
   EXPECT_EQ(capture.fWithText("ProcessesGroupManager::TerminateGroup terminating\tworkers").size(),
             1u);
   EXPECT_EQ(manager.GetProcessGroup(name), nullptr);
-
-  // The name can be used anew, with a fresh group.
   void* fake = gFakeHandle(30);
   ProcessGroup* const again = manager.AddProcessToGroup(name, fake, 0);
   ASSERT_NE(again, nullptr);
@@ -68,25 +52,11 @@ TEST(ProcessesGroupManager, KillsTheMembersNewestFirstAndFreesTheName) {
   EXPECT_TRUE(manager.TerminateGroup(name));
 }
 
-TEST(ProcessesGroupManager, AMemberThatEndedByItselfFailsTheGroupButTheOthersAreKilled) {
-  cChildren children;
-  cChild const a = children.fStart(), b = children.fStart(true), c = children.fStart();
-  gWaitZombie(b);
-  ProcessesGroupManager manager;
-  RWCString name("mixed");
-  gAdd(manager, name, {a, b, c});
-  EXPECT_EQ(gTerminate(manager, name, {a, c}, false),
-            (tSeen{{gKillText("gKillProcess(%d) killed", c), "-x"},
-                   {gKillText("gKillProcess(%d) already terminated", b), "-x"},
-                   {gKillText("gKillProcess(%d) killed", a), "xx"}}));
-  EXPECT_EQ(manager.GetProcessGroup(name), nullptr);
-}
-
-TEST(ProcessesGroupManager, UnknownAndTakenNamesAreReportedAndGroupsKeepValueAndOrder) {
+TEST(ProcessesGroupManager, NamesValuesRemovalAndOneElementKilledWhileTheManagerKillsNone) {
   cLogCapture capture;
-  ProcessesGroupManager manager;
+  auto* manager = new ProcessesGroupManager;
   RWCString name("nobody");
-  EXPECT_FALSE(manager.TerminateGroup(name));
+  EXPECT_FALSE(manager->TerminateGroup(name));
   auto const reports =
       capture.fWithText("ProcessesGroupManager::TerminateGroup unknown group \tnobody");
   ASSERT_EQ(reports.size(), 1u);
@@ -95,47 +65,41 @@ TEST(ProcessesGroupManager, UnknownAndTakenNamesAreReportedAndGroupsKeepValueAnd
 
   void* older = gFakeHandle(29);
   void* younger = gFakeHandle(30);
-  ProcessGroup* const group = manager.AddProcessToGroup(name, older, 0);
-  EXPECT_EQ(manager.AddProcessToGroup(name, younger), group);
+  ProcessGroup* const group = manager->AddProcessToGroup(name, older, 0);
+  EXPECT_EQ(manager->AddProcessToGroup(name, younger), group);
   EXPECT_EQ(group->groupValue, 0);  // the two-argument form leaves the value
-  EXPECT_EQ(manager.AddProcessToGroup(name, younger, 7), group);
+  EXPECT_EQ(manager->AddProcessToGroup(name, younger, 7), group);
   EXPECT_EQ(group->groupValue, 7);
   EXPECT_EQ(capture.fWithText("ProcessesGroupManager::AddProcessToGroup \tnobody\t").size(), 3u);
-
   EXPECT_EQ(group->RemoveProcess(0), older);
   EXPECT_EQ(static_cast<ProcessInfo*>(group->at(0))->handle, younger);
   group->RemoveProcess(1);
   group->RemoveProcess(0);
-  EXPECT_TRUE(manager.TerminateGroup(name));
-  EXPECT_FALSE(manager.TerminateGroup(name));
+  EXPECT_TRUE(manager->TerminateGroup(name));
+  EXPECT_FALSE(manager->TerminateGroup(name));
   EXPECT_TRUE(capture.fWithText("gKillProcess").empty());
 
   // A name stored without a group refuses a new one.
-  manager.insert(new RWCollectableString("taken"));
+  manager->insert(new RWCollectableString("taken"));
   RWCString taken("taken");
-  EXPECT_EQ(manager.AddProcessToGroup(taken, older, 3), nullptr);
+  EXPECT_EQ(manager->AddProcessToGroup(taken, older, 3), nullptr);
   EXPECT_EQ(
       capture.fWithText("ProcessesGroupManager::AddProcessToGroup already in\ttaken\t").size(), 1u);
-  manager.clearAndDestroy();
-}
 
-TEST(ProcessGroup, TerminateElementKillsOneAndDestroyingTheManagerKillsNone) {
-  cLogCapture capture;
   cChildren children;
   cChild const kept = children.fStart(), killed = children.fStart();
-  auto* manager = new ProcessesGroupManager;
-  RWCString name("partial");
-  ProcessGroup* const group = gAdd(*manager, name, {kept, killed});
-  EXPECT_TRUE(group->TerminateElementZ0(1));
-  EXPECT_TRUE(gIsGone(killed));
-  EXPECT_EQ(group->entries(), 1u);
-
-  // A copy shares key and group; it is what lets the test release them afterwards.
+  RWCString partial("partial");
+  void *keptHandle = kept.handle, *killedHandle = killed.handle;
+  ProcessGroup* const two = manager->AddProcessToGroup(partial, keptHandle);
+  manager->AddProcessToGroup(partial, killedHandle);
+  EXPECT_TRUE(two->TerminateElementZ0(1));
+  EXPECT_TRUE(gEnded(killed.pidfd));
+  // A copy shares keys and groups; it is what lets the test release them afterwards.
   ProcessesGroupManager keep(*manager);
   delete manager;
-  EXPECT_FALSE(gIsGone(kept));
+  EXPECT_FALSE(gEnded(kept.pidfd));
   EXPECT_EQ(capture.fWithText("gKillProcess").size(), 1u);
-  group->clearAndDestroy();
+  two->clearAndDestroy();
   keep.clearAndDestroy();
 }
 
