@@ -56,22 +56,45 @@ inline nSock::cSocketOptions gBounded() {
   return options;
 }
 
-// Work on a thread of its own; gJoin is the bounded join.
-template <class Work>
-auto gAsync(Work&& work) {
-  return std::async(std::launch::async, std::forward<Work>(work));
-}
-// The task's result, or the end of this test's process with a message: a task
-// that outlives the bound may be stuck inside the test's objects, which can be
-// neither waited for (a future's destructor would) nor left behind.
+// Work on a thread of its own, joined within a bound: by gJoin, or by the
+// destructor when an assertion left the test early. A task that outlives the
+// bound may be stuck inside the test's objects, which can be neither waited
+// for nor left behind, so the test's process ends there with a message.
 template <class Result>
-Result gJoin(std::future<Result>& future, std::chrono::steady_clock::duration within = kBound) {
-  if (future.wait_for(within) != std::future_status::ready) {
+class cTask {
+ public:
+  explicit cTask(std::future<Result> future) : mFuture(std::move(future)) {}
+  cTask(cTask&&) noexcept = default;
+  cTask& operator=(cTask&&) noexcept = default;
+  ~cTask() {
+    if (mFuture.valid()) fEndOrExit();
+  }
+  bool fReadyBy(std::chrono::steady_clock::time_point end) const {
+    return mFuture.wait_until(end) == std::future_status::ready;
+  }
+  Result fJoin() {
+    fEndOrExit();
+    return mFuture.get();
+  }
+
+ private:
+  void fEndOrExit() const {
+    if (mFuture.wait_for(kBound) == std::future_status::ready) return;
     std::fprintf(stderr, "FAILED: a task of this test did not end within its bound\n");
     std::fflush(nullptr);
     std::_Exit(EXIT_FAILURE);
   }
-  return future.get();
+
+  std::future<Result> mFuture;
+};
+
+template <class Work>
+auto gAsync(Work&& work) {
+  return cTask(std::async(std::launch::async, std::forward<Work>(work)));
+}
+template <class Result>
+Result gJoin(cTask<Result>& task) {
+  return task.fJoin();
 }
 
 inline bool gOpen(int descriptor) { return fcntl(descriptor, F_GETFD) != -1; }

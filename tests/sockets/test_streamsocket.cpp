@@ -259,8 +259,8 @@ TEST(StreamSocketLoad, SixtyFourConnectionsDeliverEveryFrameWholeAndInOrder) {
   }
   // Each task gives the count of frames it got through; a sender ends only
   // once its receiver has answered.
-  std::vector<std::future<int>> senders;
-  std::vector<std::future<int>> receivers;
+  std::vector<cTask<int>> senders;
+  std::vector<cTask<int>> receivers;
   for (int c = 0; c < kConnections; ++c) {
     senders.push_back(gAsync([&, c] {
       StreamSocket& socket = *clients[std::size_t(c)];
@@ -285,7 +285,7 @@ TEST(StreamSocketLoad, SixtyFourConnectionsDeliverEveryFrameWholeAndInOrder) {
   auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(45);
   bool inTime = true;
   for (auto* group : {&receivers, &senders}) {
-    for (auto& task : *group) inTime = inTime && task.wait_until(end) == std::future_status::ready;
+    for (auto& task : *group) inTime = inTime && task.fReadyBy(end);
   }
   if (!inTime) {
     ADD_FAILURE() << "the transfer did not end in time";
