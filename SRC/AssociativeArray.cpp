@@ -2,13 +2,16 @@
 // AssociativeArray.h).
 #include "AssociativeArray.h"
 
-#include <atomic>
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <string_view>
+#include <typeinfo>
+#include <unordered_map>
 
 #include "AssociativeArrayExceptions.h"
 #include "Log.dec.h"
@@ -18,43 +21,30 @@ namespace {
 
 char const* const kSource = "AssociativeArray";
 
-// A stored key or value: a string with a count of the arrays that hold it,
-// so that shallow copies share it and the last holder destroys it.
-class cHeldString final : public RWCollectableString {
- public:
-  cHeldString(char const* data, std::size_t size) : RWCollectableString(data, size) {}
-  void fHold() noexcept { mHolders.fetch_add(1, std::memory_order_relaxed); }
-  void fRelease() noexcept {
-    if (mHolders.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
-  }
-
- private:
-  std::atomic<int> mHolders{1};
+// Objects that more than one array holds (shallow copies share them), with
+// the number of holders beyond the first: the last holder to let go destroys.
+struct cSharedObjects {
+  std::mutex lock;
+  std::unordered_map<RWCollectable const*, std::size_t> extraHolders;
 };
 
-void gHold(RWCollectable* object) noexcept {
-  if (auto* held = dynamic_cast<cHeldString*>(object)) held->fHold();
+cSharedObjects& gShared() {
+  static auto* shared = new cSharedObjects;  // never destroyed: arrays may end after static destruction
+  return *shared;
 }
 
-// Objects that came in through the dictionary's own interface are not
-// counted; they are the array's alone.
-void gRelease(RWCollectable* object) noexcept {
-  if (object == nullptr) return;
-  if (auto* held = dynamic_cast<cHeldString*>(object)) {
-    held->fRelease();
-  } else {
-    delete object;
-  }
-}
-
-struct cReleaser {
-  void operator()(cHeldString* s) const noexcept { s->fRelease(); }
-};
-using tHeldPtr = std::unique_ptr<cHeldString, cReleaser>;
-
+// A value as text; a value that came in through the dictionary's own interface
+// may be no string at all (or null), and then reads as absent.
 RWCString* gAsString(RWCollectable* value) {
-  // Values are strings: everything that adds to an array stores cHeldString.
-  return static_cast<RWCollectableString*>(value);
+  if (value == nullptr) return nullptr;
+  if (typeid(*value) == typeid(RWCollectableString)) return static_cast<RWCollectableString*>(value);
+  return dynamic_cast<RWCollectableString*>(value);
+}
+
+void gSortDistinct(std::vector<RWCollectable*>& objects) {
+  std::sort(objects.begin(), objects.end());
+  objects.erase(std::unique(objects.begin(), objects.end()), objects.end());
+  if (!objects.empty() && objects.front() == nullptr) objects.erase(objects.begin());
 }
 
 void gAppendNumber(std::string& out, long long value) {
@@ -156,19 +146,31 @@ void gLoadString(cInput const& in, std::size_t& pos, cScratch& scratch, std::str
 
 }  // namespace
 
-// --- construction and copying ---------------------------------------------
+// --- construction, copying and ownership ----------------------------------
 
 CAssociativeArray::CAssociativeArray(int capacity) : RWHashDictionary(capacity > 0 ? std::size_t(capacity) : 0) {}
 
 CAssociativeArray::CAssociativeArray(CAssociativeArray const& other)
     : RWHashDictionary(other), mStringForm(other.mStringForm) {
-  fHoldAll();
+  fShareWith(other, {});
 }
 
 CAssociativeArray::CAssociativeArray(_typer_c<zc_move__deprecate> const&, CAssociativeArray* source)
-    : RWHashDictionary(*source) {
-  // The associations now here point at source's objects: source lets go of
-  // them without a release, so the holders' counts stay as they are.
+    : RWHashDictionary(*source), mShares(source->mShares), mForeign(source->fMayAlias()) {
+  // This array takes source's place as holder of the couples' objects; only
+  // an object that source also keeps among what it gave up has two holders now.
+  if (!source->mParked.empty()) {
+    std::vector<RWCollectable*> parked = source->mParked;
+    gSortDistinct(parked);
+    std::vector<RWCollectable*> both;
+    for (RWCollectable* object : fObjectsOfCouples())
+      if (std::binary_search(parked.begin(), parked.end(), object)) both.push_back(object);
+    if (!both.empty()) {
+      std::lock_guard<std::mutex> const guard(gShared().lock);
+      for (RWCollectable* object : both) ++gShared().extraHolders[object];
+      mShares = source->mShares = true;
+    }
+  }
   source->RWHashDictionary::clear();
 }
 
@@ -176,51 +178,103 @@ CAssociativeArray& CAssociativeArray::operator=(CAssociativeArray const& other) 
   if (this == &other) return *this;
   clear();
   RWHashDictionary::operator=(other);
-  fHoldAll();
+  std::vector<RWCollectable*> held = mParked;
+  gSortDistinct(held);
+  fShareWith(other, held);
   mStringForm = other.mStringForm;
   return *this;
 }
 
 CAssociativeArray::~CAssociativeArray() {
-  clearAndDestroy();
-  fReleaseParked();
-}
-
-void CAssociativeArray::fHoldAll() {
-  RWHashDictionaryIterator it(*this);
-  while (RWCollectable* key = it()) {
-    gHold(key);
-    gHold(it.value());
+  if (!mShares && !fMayAlias() && mParked.empty()) {
+    // Every object here is this array's alone and stands in one place.
+    RWHashDictionaryIterator it(*this);
+    while (RWCollectable* key = it()) {
+      delete it.value();
+      delete key;
+    }
+    RWHashDictionary::clear();
+    return;
   }
+  std::vector<RWCollectable*> objects = fObjectsOfCouples();
+  objects.insert(objects.end(), mParked.begin(), mParked.end());
+  RWHashDictionary::clear();
+  mParked.clear();
+  fRelease(objects);
 }
 
-void CAssociativeArray::fReleaseParked() {
-  for (RWCollectable* object : mParked) gRelease(object);
-  mParked.clear();
+bool CAssociativeArray::fMayAlias() const noexcept { return mForeign || valueExchanges() != 0; }
+
+std::vector<RWCollectable*> CAssociativeArray::fObjectsOfCouples() const {
+  std::vector<RWCollectable*> objects;
+  objects.reserve(2 * entries());
+  RWHashDictionaryIterator it(const_cast<CAssociativeArray&>(*this));
+  while (RWCollectable* key = it()) {
+    objects.push_back(key);
+    objects.push_back(it.value());
+  }
+  return objects;
+}
+
+// This array now holds other's objects too: each counts one holder more,
+// except those it held already (sorted alreadyHeld).
+void CAssociativeArray::fShareWith(CAssociativeArray const& other, std::vector<RWCollectable*> const& alreadyHeld) {
+  mForeign = mForeign || other.fMayAlias();
+  std::vector<RWCollectable*> objects = fObjectsOfCouples();
+  gSortDistinct(objects);
+  if (objects.empty()) return;
+  mShares = other.mShares = true;
+  std::lock_guard<std::mutex> const guard(gShared().lock);
+  for (RWCollectable* object : objects)
+    if (!std::binary_search(alreadyHeld.begin(), alreadyHeld.end(), object)) ++gShared().extraHolders[object];
+}
+
+// Lets go of each distinct object once, destroying those no other array holds.
+void CAssociativeArray::fRelease(std::vector<RWCollectable*>& objects) const {
+  gSortDistinct(objects);
+  if (mShares) {
+    std::lock_guard<std::mutex> const guard(gShared().lock);
+    auto& extra = gShared().extraHolders;
+    for (RWCollectable*& object : objects) {
+      auto const found = extra.find(object);
+      if (found == extra.end()) continue;
+      if (--found->second == 0) extra.erase(found);
+      object = nullptr;  // another array still holds it
+    }
+  }
+  for (RWCollectable* object : objects) delete object;
+}
+
+// An object that leaves the couples: destroyed unless it may still stand
+// elsewhere in this array, in which case it stays until the array ends.
+void CAssociativeArray::fGiveUp(RWCollectable* object) {
+  if (object == nullptr) return;
+  if (fMayAlias()) {
+    mParked.push_back(object);
+    return;
+  }
+  std::vector<RWCollectable*> one{object};
+  fRelease(one);
 }
 
 void CAssociativeArray::clear() {
-  // The objects stay readable until the next clear; only then are they let go.
-  fReleaseParked();
-  mParked.reserve(2 * entries());
-  RWHashDictionaryIterator it(*this);
-  while (RWCollectable* key = it()) {
-    mParked.push_back(key);
-    mParked.push_back(it.value());
-  }
+  std::vector<RWCollectable*> objects = fObjectsOfCouples();
+  mParked.insert(mParked.end(), objects.begin(), objects.end());
   RWHashDictionary::clear();
 }
 
 void CAssociativeArray::Reset() { clear(); }
 
 void CAssociativeArray::clearAndDestroy() {
-  RWHashDictionaryIterator it(*this);
-  while (RWCollectable* key = it()) {
-    RWCollectable* value = it.value();
-    gRelease(key);
-    if (value != key) gRelease(value);
-  }
+  std::vector<RWCollectable*> objects = fObjectsOfCouples();
   RWHashDictionary::clear();
+  if (!mParked.empty()) {
+    // What Reset gave up stays alive as long as the array.
+    std::vector<RWCollectable*> parked = mParked;
+    gSortDistinct(parked);
+    std::erase_if(objects, [&](RWCollectable* o) { return std::binary_search(parked.begin(), parked.end(), o); });
+  }
+  fRelease(objects);
 }
 
 void CAssociativeArray::removeAndDestroy(RWCollectable const* key) {
@@ -229,22 +283,35 @@ void CAssociativeArray::removeAndDestroy(RWCollectable const* key) {
   RWCollectable* storedKey = association->key();
   RWCollectable* value = association->value();
   delete association;
-  gRelease(value);
-  if (storedKey != value) gRelease(storedKey);
+  fGiveUp(value);
+  if (storedKey != value) fGiveUp(storedKey);
+}
+
+RWCollectable* CAssociativeArray::insert(RWCollectable* element) {
+  mForeign = true;
+  return RWHashDictionary::insert(element);
+}
+
+RWCollectableAssociation* CAssociativeArray::newAssociation(RWCollectable* key, RWCollectable* value) const {
+  mForeign = true;  // only the dictionary's own insertion asks for one
+  return RWHashDictionary::newAssociation(key, value);
 }
 
 // --- adding ---------------------------------------------------------------
 
 void CAssociativeArray::fAddBytes(char const* key, std::size_t keyLength, char const* value,
                                   std::size_t valueLength) {
-  tHeldPtr fresh(new cHeldString(value, valueLength));
-  if (RWCollectableAssociation* existing = findAssociation(std::string_view(key, keyLength))) {
+  std::string_view const keyText(key, keyLength);
+  std::unique_ptr<RWCollectableString> fresh(new RWCollectableString(value, valueLength));
+  if (RWCollectableAssociation* existing = findAssociation(keyText)) {
     // The first key object stays; the old value goes.
-    gRelease(existing->value(fresh.release()));
+    fGiveUp(existing->value(fresh.release()));
     return;
   }
-  tHeldPtr keyObject(new cHeldString(key, keyLength));
-  if (insertKeyAndValue(keyObject.get(), fresh.get()) != nullptr) {
+  std::unique_ptr<RWCollectableString> keyObject(new RWCollectableString(keyText));
+  std::unique_ptr<RWCollectableAssociation> pair(new RWCollectableAssociation(keyObject.get(), fresh.get()));
+  if (RWHashDictionary::insert(pair.get()) == pair.get()) {
+    pair.release();
     keyObject.release();
     fresh.release();
   }
@@ -280,10 +347,7 @@ void CAssociativeArray::AddArrayCouple(char const* name, double value, int index
 
 // --- reading --------------------------------------------------------------
 
-RWCString* CAssociativeArray::fFind(char const* key) const {
-  RWCollectable* value = findValue(std::string_view(key));
-  return value != nullptr ? gAsString(value) : nullptr;
-}
+RWCString* CAssociativeArray::fFind(char const* key) const { return gAsString(findValue(std::string_view(key))); }
 
 RWCString* CAssociativeArray::fFindOrRaise(char const* key) const {
   if (RWCString* value = fFind(key)) return value;
@@ -305,21 +369,21 @@ RWCString* CAssociativeArray::GetStringValueOfParameter(char const* key) const {
 RWCString* CAssociativeArray::GetValueOfParameterAndDecodeIf(char const* key, bool encode) const {
   RWCString* stored = fFindOrRaise(key);
   if (!encode) return stored;
-  std::string const original = *stored;
-  std::size_t write = 0;
-  for (unsigned char byte : original) {
+  // Built aside in one pass, then put in place: the stored object stays the same.
+  static char const kHex[] = "0123456789abcdef";
+  std::string escaped;
+  escaped.reserve(stored->size() + stored->size() / 8 + 8);
+  for (unsigned char byte : *stored) {
     if (byte < 32 || byte > 126 || byte == '\\' || byte == '"') {
-      char escaped[4];
-      std::snprintf(escaped, sizeof escaped, "%%%02x", byte);
-      stored->replace(write, 1, escaped, 3);
-      write += 3;
+      char const code[3] = {'%', kHex[byte >> 4], kHex[byte & 15]};
+      escaped.append(code, 3);
     } else if (byte == '%') {
-      stored->insert(write, 1, '%');
-      write += 2;
+      escaped.append("%%", 2);
     } else {
-      write += 1;
+      escaped.push_back(char(byte));
     }
   }
+  stored->assign(escaped);
   return stored;
 }
 
@@ -367,17 +431,18 @@ void CAssociativeArray::ToStringInternal(bool omitBody, bool omitProxyPost) cons
     gAppendNumber(out, static_cast<std::int32_t>(entries()));
     RWHashDictionaryIterator it(const_cast<CAssociativeArray&>(*this));
     while (RWCollectable* keyObject = it()) {
-      RWCString const& key = *gAsString(keyObject);
-      std::string_view const keyText(key.c_str());  // up to a zero byte, of which keys have none
-      gAppendTokenHeader(out, key.size());
+      RWCString const* const keyString = gAsString(keyObject);
+      std::string_view const keyText(keyString != nullptr ? keyString->c_str() : "");  // up to a zero byte
+      gAppendTokenHeader(out, keyString != nullptr ? keyString->size() : 0);
       out.append(keyText);
       bool const omitted = omitBody && (keyText == "$RESPONSEBODY" || (omitProxyPost && keyText == "$PROXYPOSTDATA"));
       if (omitted) {
         out.append(" '0 ", 4);
       } else {
-        RWCString const& value = *gAsString(it.value());
-        gAppendTokenHeader(out, value.size());
-        out.append(value.data(), value.size());
+        RWCString const* const value = gAsString(it.value());
+        std::string_view const bytes = value != nullptr ? std::string_view(*value) : std::string_view();
+        gAppendTokenHeader(out, bytes.size());
+        out.append(bytes);
       }
     }
   }
@@ -403,6 +468,11 @@ RWCString const& CAssociativeArray::ToStringRef(bool omitBody, bool omitProxyPos
 void CAssociativeArray::FromString(char const* text, int length) {
   std::size_t size = text != nullptr ? std::strlen(text) : 0;
   if (length > 0 && std::size_t(length) > size) size = std::size_t(length);
+  fRead(text, size, length);
+}
+
+// The reader proper: size bytes from text; reportedLength goes to the report of a failure only.
+void CAssociativeArray::fRead(char const* text, std::size_t size, int reportedLength) {
   cInput const in{text != nullptr ? text : "", size};
   try {
     try {
@@ -425,7 +495,7 @@ void CAssociativeArray::FromString(char const* text, int length) {
     }
   } catch (...) {
     std::string const whole(in.text, in.size);
-    CORVANTH_LOG(nLog::nBasic::sErrorTag_, kSource, length << '\t' << whole.c_str());
+    CORVANTH_LOG(nLog::nBasic::sErrorTag_, kSource, reportedLength << '\t' << whole.c_str());
     throw CIllegalAssoSyntaxException(whole.c_str());
   }
 }
@@ -433,6 +503,8 @@ void CAssociativeArray::FromString(char const* text, int length) {
 void CAssociativeArray::FromStringRef(RWCString const& text) { FromString(text.c_str(), static_cast<int>(text.size())); }
 void CAssociativeArray::FromStringZ1(RWCString const& text) { FromString(text.c_str(), static_cast<int>(text.size())); }
 void CAssociativeArray::FromStringZ1(std::string const& text) { FromString(text.c_str(), static_cast<int>(text.size())); }
-// The 14 reaches nothing but the report of a failed read.
-void CAssociativeArray::FromStringX2_deprecate(char const* text) { FromString(text, 14); }
-void CAssociativeArray::FromStringZTS(char const* text) { FromString(text, 14); }
+// These end at the zero terminator; the 14 reaches nothing but the report of a failed read.
+void CAssociativeArray::FromStringX2_deprecate(char const* text) {
+  fRead(text, text != nullptr ? std::strlen(text) : 0, 14);
+}
+void CAssociativeArray::FromStringZTS(char const* text) { fRead(text, text != nullptr ? std::strlen(text) : 0, 14); }

@@ -10,11 +10,20 @@
 // The reader skips one byte after each token's bytes without looking at it,
 // and ignores everything after the last couple.
 //
-// Ownership: the array owns its key and value objects through a count of
-// holders, so a shallow copy and the original may both be destroyed safely.
-// Pointers handed out stay valid until that key's value is replaced, until the
-// array is destroyed, and across one Reset (until the next Reset or the end).
+// Ownership: the array owns its key and value objects. A shallow copy and its
+// original share them, and whichever of the two lets an object go last
+// destroys it; an object that stands under several keys, or as key and value
+// (the inherited insertKeyAndValue allows it), is destroyed once.
+// Pointers handed out stay valid until that key's value is replaced or the
+// array is destroyed. Reset and the emptying inside operator= give the couples
+// up without destroying them: what they gave up lives as long as the array.
+// So a long-lived array that is Reset many times keeps all it ever held; the
+// way to read message after message is a fresh array per message.
 // One array belongs to one thread at a time; const getters write too.
+//
+// Reading and writing cost one hash probe per couple however many couples
+// there are: the bucket count stays as constructed (it decides the order of
+// the string form), and the dictionary indexes long chains beside it.
 #pragma once
 
 #include <string>
@@ -71,7 +80,7 @@ class CORVANTH_EXPORT CAssociativeArray : public RWHashDictionary {
   double GetDoubleValueOfParameterArray(char const* name, int index, double defaultValue) const;
   bool KeyExists(char const* key) const;
 
-  // All couples go; their objects stay readable until the next Reset.
+  // All couples go; their objects stay readable as long as the array lives.
   void Reset();
 
   // Writers: rebuild the cached string form. omitBody leaves out the value of
@@ -83,8 +92,11 @@ class CORVANTH_EXPORT CAssociativeArray : public RWHashDictionary {
 
   // Readers add to the array (Reset first for a fresh read). Any fault raises
   // CIllegalAssoSyntaxException with the whole input as parameter; couples read
-  // before the fault stay. The input ends at the larger of length and the
-  // text's zero-terminated length.
+  // before the fault stay. No reader looks beyond its input, which ends:
+  // - for FromString(text, length) and the RWCString and std::string forms
+  //   (which pass their size as length), at the larger of length and the
+  //   text's zero-terminated size: text must be zero-terminated or hold length bytes;
+  // - for FromStringZTS and FromStringX2_deprecate, at the zero terminator.
   void FromString(char const* text, int length);
   void FromStringRef(RWCString const& text);
   void FromStringZ1(RWCString const& text);
@@ -92,20 +104,33 @@ class CORVANTH_EXPORT CAssociativeArray : public RWHashDictionary {
   void FromStringX2_deprecate(char const* text);
   void FromStringZTS(char const* text);
 
-  // The holders' counts make these safe on shared objects.
+  // clear is Reset. clearAndDestroy and removeAndDestroy destroy what no other
+  // array holds, each object once.
   void clear() override;
   void clearAndDestroy() override;
   void removeAndDestroy(RWCollectable const* key) override;
+  // The dictionary's own ways in: what enters through them is the array's too.
+  RWCollectable* insert(RWCollectable* element) override;
+  RWCollectableAssociation* newAssociation(RWCollectable* key, RWCollectable* value) const override;
 
  private:
   void ToStringInternal(bool omitBody, bool omitProxyPost) const;
+  void fRead(char const* text, std::size_t size, int reportedLength);
   void fAddBytes(char const* key, std::size_t keyLength, char const* value, std::size_t valueLength);
   RWCString* fFind(char const* key) const;
   RWCString* fFindOrRaise(char const* key) const;
-  void fHoldAll();
-  void fReleaseParked();
+  bool fMayAlias() const noexcept;
+  std::vector<RWCollectable*> fObjectsOfCouples() const;
+  void fShareWith(CAssociativeArray const& other, std::vector<RWCollectable*> const& alreadyHeld);
+  void fGiveUp(RWCollectable* object);
+  void fRelease(std::vector<RWCollectable*>& objects) const;
 
   mutable RWCString mStringForm;
-  // Objects given up by the last Reset, kept readable until the next one.
+  // Objects given up by Reset and operator=, alive as long as the array.
   std::vector<RWCollectable*> mParked;
+  // Holds objects that another array may hold too (it took part in a copy).
+  mutable bool mShares = false;
+  // A couple came in through the dictionary's own interface, so one object
+  // may stand in several places.
+  mutable bool mForeign = false;
 };

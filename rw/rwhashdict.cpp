@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <typeinfo>
+#include <unordered_map>
 #include <vector>
 
 #include "internal/rwiterators.h"
@@ -14,19 +15,45 @@ RWRegisterCollectable<RWHashDictionary> const gRegister;
 RWCollectableAssociation* gAssociation(RWCollectable* item) {
   return static_cast<RWCollectableAssociation*>(item);  // a dictionary stores nothing else
 }
+
+bool gIsPlainPair(RWCollectableAssociation const* pair) {
+  RWCollectable const* const key = pair->key();
+  return typeid(*pair) == typeid(RWCollectableAssociation) && key != nullptr &&
+         typeid(*key) == typeid(RWCollectableString);
+}
+
+// The bytes of a plain pair's key.
+std::string_view gKeyText(RWCollectableAssociation const* pair) {
+  auto const* const key = static_cast<RWCollectableString const*>(pair->key());
+  return std::string_view(key->data(), key->size());
+}
+
+// Chains shorter than this walk faster than a second hash table answers.
+constexpr std::size_t kIndexPerBucket = 2;
+constexpr std::size_t kIndexFrom = 32;
 }  // namespace
+
+struct RWHashDictionary::TextIndex {
+  std::unordered_map<std::string_view, RWCollectableAssociation*> pairs;
+  std::size_t changes = 0;  // the table's change count when the index last matched it
+};
+
+RWHashDictionary::RWHashDictionary(std::size_t capacity) : RWSet(capacity) {}
 
 RWHashDictionary::RWHashDictionary(RWHashDictionary const& other)
     : RWSet(other.buckets()), mPlainStringPairs(other.mPlainStringPairs) {
   copyAssociations(other);
+  refreshIndex();
 }
 
 RWHashDictionary& RWHashDictionary::operator=(RWHashDictionary const& other) {
   if (this != &other) {
     freeAssociations();
+    mIndex.reset();
     resetBuckets(other.buckets());
     mPlainStringPairs = other.mPlainStringPairs;
     copyAssociations(other);
+    refreshIndex();
   }
   return *this;
 }
@@ -46,6 +73,7 @@ void RWHashDictionary::apply(RWapplyCollectable function, void* data) {
 
 void RWHashDictionary::clear() {
   freeAssociations();
+  mIndex.reset();
   RWSet::clear();
   mPlainStringPairs = true;
 }
@@ -120,7 +148,13 @@ RWCollectableAssociation* RWHashDictionary::newAssociation(RWCollectable* key,
 }
 
 RWCollectableAssociation* RWHashDictionary::removeAssociation(RWCollectable const* key) {
-  return gAssociation(RWSet::remove(key));
+  bool const current = indexCurrent();
+  RWCollectableAssociation* const pair = gAssociation(RWSet::remove(key));
+  if (current && pair != nullptr) {
+    mIndex->pairs.erase(gKeyText(pair));
+    mIndex->changes = mChanges;
+  }
+  return pair;
 }
 
 RWCollectable* RWHashDictionary::insertKeyAndValue(RWCollectable* key, RWCollectable* value) {
@@ -140,10 +174,13 @@ RWCollectable* RWHashDictionary::findValue(RWCollectable const* key) const {
 
 RWCollectable* RWHashDictionary::findValue(RWCollectable const* key, RWCollectable* newValue) {
   RWCollectableAssociation* const pair = findAssociation(key);
-  return pair != nullptr ? pair->value(newValue) : nullptr;
+  if (pair == nullptr) return nullptr;
+  ++mValueExchanges;
+  return pair->value(newValue);
 }
 
 void RWHashDictionary::applyToKeyAndValue(RWapplyKeyAndValue function, void* data) {
+  ++mValueExchanges;
   for (RWSlistCollectables* list : mBuckets) {
     if (list == nullptr) continue;
     for (auto const* link = list->head(); link != nullptr; link = link->next) {
@@ -185,16 +222,56 @@ RWCollectable* RWHashDictionary::findKey(std::string_view key) const {
 }
 
 RWCollectable* RWHashDictionary::insertAssociation(RWCollectableAssociation* pair) {
+  bool const plain = gIsPlainPair(pair);
+  if (mPlainStringPairs && plain) {
+    if (!indexCurrent()) refreshIndex();
+    if (indexCurrent()) {
+      std::string_view const text = gKeyText(pair);
+      auto const [slot, added] = mIndex->pairs.try_emplace(text, pair);
+      if (!added) return slot->second;
+      try {
+        appendToBucket(RWCString::hash(text.data(), text.size()), pair);
+      } catch (...) {
+        mIndex->pairs.erase(slot);
+        throw;
+      }
+      mIndex->changes = mChanges;
+      return pair;
+    }
+  }
   RWCollectable* const stored = RWSet::insert(pair);
-  if (stored == pair && mPlainStringPairs) {
-    RWCollectable const* const key = pair->key();
-    mPlainStringPairs = typeid(*pair) == typeid(RWCollectableAssociation) && key != nullptr &&
-                        typeid(*key) == typeid(RWCollectableString);
+  if (stored == pair && mPlainStringPairs && !plain) {
+    mPlainStringPairs = false;
+    mIndex.reset();
   }
   return stored;
 }
 
+bool RWHashDictionary::indexCurrent() const noexcept {
+  return mIndex != nullptr && mIndex->changes == mChanges;
+}
+
+void RWHashDictionary::refreshIndex() {
+  if (!mPlainStringPairs || mEntries < kIndexFrom || mEntries <= kIndexPerBucket * mBuckets.size()) {
+    mIndex.reset();
+    return;
+  }
+  if (mIndex == nullptr) mIndex = std::make_unique<TextIndex>();
+  mIndex->pairs.clear();
+  mIndex->pairs.reserve(mEntries);
+  // Bucket by bucket in chain order, so that of two equal keys the first found wins, as in a walk.
+  for (RWSlistCollectables const* list : mBuckets)
+    if (list != nullptr)
+      for (auto const* link = list->head(); link != nullptr; link = link->next)
+        mIndex->pairs.try_emplace(gKeyText(gAssociation(link->item)), gAssociation(link->item));
+  mIndex->changes = mChanges;
+}
+
 RWCollectableAssociation* RWHashDictionary::findPlainString(std::string_view key) const {
+  if (indexCurrent()) {
+    auto const found = mIndex->pairs.find(key);
+    return found != mIndex->pairs.end() ? found->second : nullptr;
+  }
   RWSlistCollectables const* const list = bucketOf(RWCString::hash(key.data(), key.size()));
   if (list == nullptr) return nullptr;
   for (auto const* link = list->head(); link != nullptr; link = link->next) {
@@ -237,6 +314,7 @@ RWHashDictionary* RWHashDictionary::select(RWtestCollectable tester, void const*
                                     new RWCollectableAssociation(pair->key(), pair->value()));
     }
   }
+  selection->refreshIndex();
   return selection;
 }
 
@@ -270,7 +348,9 @@ RWCollectable* RWHashDictionaryIterator::value() const {
 
 RWCollectable* RWHashDictionaryIterator::value(RWCollectable* newValue) const {
   RWCollectableAssociation* const pair = association();
-  return pair != nullptr ? pair->value(newValue) : nullptr;
+  if (pair == nullptr) return nullptr;
+  ++static_cast<RWHashDictionary*>(table())->mValueExchanges;
+  return pair->value(newValue);
 }
 
 RWCollectable* RWHashDictionaryIterator::remove() {

@@ -8,9 +8,20 @@
 // A lookup by text (findValue(std::string_view) and its kin) answers as a
 // lookup with an RWCollectableString probe of those bytes would, without
 // building one: no heap use at all.
+//
+// The bucket count never grows on insertion (it decides the iteration order),
+// so a dictionary filled far beyond its buckets has long chains. While every
+// key is a plain RWCollectableString and there are more than two entries per
+// bucket, the dictionary keeps a side index from key bytes to pair: insertion
+// and lookup by string then cost one hash probe however long the chains are.
+// Buckets and order are untouched by it. Only the dictionary's own mutating
+// operations build or update it; a const lookup never writes, and after a
+// change made around the dictionary (an iterator's removal, a base class's
+// operation) lookups walk the chains until the next insertion rebuilds it.
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <string_view>
 
 #include "CorvanthExport.h"
@@ -24,7 +35,7 @@ class CORVANTH_EXPORT RWHashDictionary : public RWSet {
   static constexpr RWClassID classIsA = 32802;
   static constexpr char const className[] = "RWHashDictionary";
 
-  explicit RWHashDictionary(std::size_t capacity = DEFAULT_CAPACITY) : RWSet(capacity) {}
+  explicit RWHashDictionary(std::size_t capacity = DEFAULT_CAPACITY);
   // New associations to the same keys and values, in the same buckets and order.
   RWHashDictionary(RWHashDictionary const& other);
   RWHashDictionary& operator=(RWHashDictionary const& other);
@@ -74,18 +85,32 @@ class CORVANTH_EXPORT RWHashDictionary : public RWSet {
   RWCollectable* findValue(std::string_view key) const;
   RWCollectable* findKey(std::string_view key) const;
 
+ protected:
+  // How often a value was put in place around insertion: findValue with a new
+  // value, applyToKeyAndValue, an iterator's value(newValue). An owner of the
+  // values learns from it that one value object may now stand under two keys.
+  std::size_t valueExchanges() const noexcept { return mValueExchanges; }
+
  private:
+  friend class RWHashDictionaryIterator;
+  struct TextIndex;
+
   void freeAssociations();
   void copyAssociations(RWHashDictionary const& other);
   RWHashDictionary* select(RWtestCollectable tester, void const* data, bool byKey) const;
   // Inserts in the set manner, and notes whether the pairs stay plain ones.
   RWCollectable* insertAssociation(RWCollectableAssociation* pair);
   RWCollectableAssociation* findPlainString(std::string_view key) const;
+  bool indexCurrent() const noexcept;
+  // Builds the index when the table is long enough for it, or drops a stale one.
+  void refreshIndex();
 
   // True while every stored pair is a plain RWCollectableAssociation with a plain
   // RWCollectableString key: then a string lookup may compare bytes directly, which
   // is what the objects' isEqual would answer. Cleared for good by any other pair.
   bool mPlainStringPairs = true;
+  std::unique_ptr<TextIndex> mIndex;
+  std::size_t mValueExchanges = 0;
 };
 
 class CORVANTH_EXPORT RWHashDictionaryIterator : public RWSetIterator {

@@ -76,6 +76,7 @@ void RWHashTable::resize(unsigned int buckets) {
   std::vector<RWSlistCollectables*> old(buckets, nullptr);
   old.swap(mBuckets);
   mEntries = 0;
+  ++mChanges;
   for (RWSlistCollectables* list : old) {
     if (list == nullptr) continue;
     for (auto const* link = list->head(); link != nullptr; link = link->next) insert(link->item);
@@ -88,6 +89,7 @@ void RWHashTable::appendToBucketAt(std::size_t index, RWCollectable* element) {
   if (list == nullptr) list = new RWSlistCollectables;
   list->append(element);
   ++mEntries;
+  ++mChanges;
 }
 
 RWCollectable* RWHashTable::findInBucket(unsigned hash, RWCollectable const* probe) const {
@@ -102,7 +104,10 @@ RWCollectable* RWHashTable::removeFromBucket(RWSlistCollectables* list,
                                              RWCollectable const* probe) {
   if (list == nullptr) return nullptr;
   RWCollectable* const removed = list->remove(probe);
-  if (removed != nullptr) --mEntries;
+  if (removed != nullptr) {
+    --mEntries;
+    ++mChanges;
+  }
   return removed;
 }
 
@@ -110,6 +115,7 @@ void RWHashTable::resetBuckets(std::size_t count) {
   for (RWSlistCollectables* list : mBuckets) delete list;
   mBuckets.assign(count != 0 ? count : 2, nullptr);
   mEntries = 0;
+  ++mChanges;
 }
 
 void RWHashTable::copyBuckets(RWHashTable const& other) {
@@ -159,7 +165,10 @@ void RWHashTableIterator::reset() { mIndex = RW_NPOS; }
 RWCollectable* RWHashTableIterator::remove() {
   if (mIndex >= mTable->mBuckets.size()) return nullptr;
   RWCollectable* const removed = mBucket.remove();
-  if (removed != nullptr) --mTable->mEntries;
+  if (removed != nullptr) {
+    --mTable->mEntries;
+    ++mTable->mChanges;
+  }
   return removed;
 }
 

@@ -83,6 +83,10 @@ class CORVANTH_EXPORT RWHashTable : public RWCollection {
 
   std::vector<RWSlistCollectables*> mBuckets;
   std::size_t mEntries = 0;
+  // Counts every change of the buckets' contents, whoever makes it (the
+  // iterator's removals included), so that a derived class can tell whether
+  // what it keeps beside the buckets still matches them.
+  std::size_t mChanges = 0;
 
  private:
   friend class RWHashTableIterator;

@@ -71,6 +71,7 @@ RWCollectable* RWIdentitySet::remove(RWCollectable const* probe) {
   for (auto const* link = list->head(); link != nullptr; link = link->next, ++position) {
     if (link->item == probe) {
       --mEntries;
+      ++mChanges;
       return list->removeAt(position);
     }
   }
