@@ -12,21 +12,11 @@ namespace corvanth::test {
 cLogCapture::cLogCapture(std::string_view selection) {
   EXPECT_TRUE(nLog::gAttachTarget(mTarget, selection)) << selection;
 }
-cLogCapture::~cLogCapture() { nLog::gDetachTarget(mTarget); }
 
-std::vector<nLog::cRecord> cLogCapture::fAt(std::string_view source, long line) const {
-  std::vector<nLog::cRecord> out;
-  for (auto& r : fRecords()) {
-    if (r.source == source && r.line == line) out.push_back(r);
-  }
-  return out;
-}
-
-std::vector<nLog::cRecord> cLogCapture::fWithText(std::string_view piece) const {
-  std::vector<nLog::cRecord> out;
-  for (auto& r : fRecords()) {
-    if (r.text.find(piece) != std::string::npos) out.push_back(r);
-  }
+std::vector<nLog::cRecord> cLogCapture::fWhere(bool (*keep)(nLog::cRecord const&, std::string_view, long),
+                                               std::string_view text, long line) const {
+  std::vector<nLog::cRecord> out = fRecords();
+  std::erase_if(out, [&](nLog::cRecord const& r) { return !keep(r, text, line); });
   return out;
 }
 
@@ -40,10 +30,8 @@ void gObserve(char const* text, char const*, int) {
 }  // namespace
 
 cCoreReports::cCoreReports() {
-  {
-    std::lock_guard lock(gReportsMutex);
-    gReports.clear();
-  }
+  std::lock_guard lock(gReportsMutex);
+  gReports.clear();
   n_debug::nCoreError::gSetPositionObserver(&gObserve);
 }
 cCoreReports::~cCoreReports() { n_debug::nCoreError::gSetPositionObserver(nullptr); }
