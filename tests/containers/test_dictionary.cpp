@@ -115,6 +115,36 @@ TEST(HashDictionary, TextLookupAnswersAsAnObjectProbeDoesWhateverTheClasses) {
   EXPECT_EQ(eager.findKey(&anything), &other);
 }
 
+// Far more pairs than buckets: lookups and insertions answer as a walk of the
+// chains would, also after removals, iterator removals, resizing and copying.
+TEST(HashDictionary, LongChainsAnswerAsTheWalkDoes) {
+  RWHashDictionary dictionary(3);
+  std::vector<std::string> texts;
+  for (int i = 0; i < 300; ++i) texts.push_back("key" + std::to_string(i));
+  tPairs const pairs(dictionary, texts);
+  RWCollectableString again("key7");
+  EXPECT_EQ(dictionary.insertKeyAndValue(&again, &again), nullptr);
+  RWHashDictionaryIterator next(dictionary);
+  for (int i = 0; i < 3; ++i) next();
+  RWCollectable* const third = next.remove();
+  delete dictionary.removeAssociation(pairs.keys[10].get());
+  auto const answersAsAWalk = [&](RWHashDictionary const& each) {
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+      bool const gone = pairs.keys[i].get() == third || i == 10;
+      EXPECT_EQ(each.findValue(std::string_view(texts[i])), gone ? nullptr : pairs.values[i].get());
+    }
+    EXPECT_EQ(each.findKey(&again), pairs.keys[7].get());
+    EXPECT_EQ(each.entries(), 298u);
+  };
+  answersAsAWalk(dictionary);
+  RWHashDictionary copy(dictionary);
+  answersAsAWalk(copy);
+  dictionary.resize(7);
+  answersAsAWalk(dictionary);
+  EXPECT_EQ(dictionary.insertKeyAndValue(pairs.keys[10].get(), pairs.values[10].get()), pairs.keys[10].get());
+  EXPECT_EQ(dictionary.findValue(std::string_view("key10")), pairs.values[10].get());
+}
+
 TEST(HashDictionary, CopiesShareKeysAndValuesButNotAssociations) {
   RWHashDictionary dictionary(11);
   tPairs const pairs(dictionary, {"abcd", "a"});

