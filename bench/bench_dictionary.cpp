@@ -1,7 +1,9 @@
 // The string form against JSON libraries on the equivalent object of strings:
 // writing (ToString against RapidJSON's Writer and nlohmann's dump) and
 // reading (FromString into a fresh array against RapidJSON's Document::Parse
-// and nlohmann's parse), for 20 and 1,000 couples.
+// and nlohmann's parse), for 20 and 1,000 couples. Then reading 100,000
+// couples into an array of the default size, whose 11 buckets never grow (the
+// bucket count decides the order of the string form), and looking keys up in it.
 #include <benchmark/benchmark.h>
 
 #include <nlohmann/json.hpp>
@@ -113,12 +115,37 @@ void BM_NlohmannParse(benchmark::State& state) {
   }
 }
 
+// Couples as the reader of a message meets them: a fresh array of the default size.
+void BM_FromStringDefaultSize(benchmark::State& state) {
+  CAssociativeArray source(int(state.range(0)) * 2);
+  gFill(source, gCouples(int(state.range(0))));
+  std::string const form = source.ToStringRef(false, false);
+  for (auto _ : state) {
+    CAssociativeArray array;
+    array.FromStringZ1(form);
+    benchmark::DoNotOptimize(array.entries());
+  }
+}
+
+void BM_GetValueDefaultSize(benchmark::State& state) {
+  tCouples const& couples = gCouples(int(state.range(0)));
+  CAssociativeArray array;
+  gFill(array, couples);
+  std::size_t i = 0;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(array.GetValueOfParameter(couples[i].first.c_str(), nullptr));
+    if (++i == couples.size()) i = 0;
+  }
+}
+
 BENCHMARK(BM_ToString)->Arg(20)->Arg(1000);
 BENCHMARK(BM_RapidJsonWriter)->Arg(20)->Arg(1000);
 BENCHMARK(BM_NlohmannDump)->Arg(20)->Arg(1000);
 BENCHMARK(BM_FromString)->Arg(20)->Arg(1000);
 BENCHMARK(BM_RapidJsonParse)->Arg(20)->Arg(1000);
 BENCHMARK(BM_NlohmannParse)->Arg(20)->Arg(1000);
+BENCHMARK(BM_FromStringDefaultSize)->Arg(20)->Arg(100000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_GetValueDefaultSize)->Arg(20)->Arg(100000);
 
 }  // namespace
 

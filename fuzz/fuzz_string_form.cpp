@@ -1,9 +1,14 @@
-// Arbitrary bytes as a string form. A read either adds couples or raises the
-// syntax exception; whatever was read writes back to a form that reads to the
-// same couples.
+// Arbitrary bytes as a string form, through every reader. A read either adds
+// couples or raises the syntax exception. Each text sits in a block of its
+// exact size, so a reader that looks past its end is caught. Readers that see
+// the same bytes agree; whatever was read writes back to a form that reads to
+// the same couples.
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <map>
+#include <memory>
+#include <optional>
 #include <string>
 
 #include "AssociativeArray.h"
@@ -12,11 +17,25 @@
 
 namespace {
 
-std::map<std::string, std::string> gContents(CAssociativeArray& array) {
+using tContents = std::optional<std::map<std::string, std::string>>;  // empty: the read raised
+
+template <class tRead>
+tContents gRead(tRead read) {
+  CAssociativeArray array;
+  try {
+    read(array);
+  } catch (CIllegalAssoSyntaxException const&) {
+    return std::nullopt;
+  }
   std::map<std::string, std::string> out;
   RWHashDictionaryIterator it(array);
   while (RWCollectable* key = it()) {
     out[*static_cast<RWCollectableString*>(key)] = *static_cast<RWCollectableString*>(it.value());
+  }
+  if (!out.empty()) {
+    CAssociativeArray back;
+    back.FromStringRef(array.ToStringRef(false, false));
+    if (back.entries() != out.size()) __builtin_trap();
   }
   return out;
 }
@@ -24,19 +43,24 @@ std::map<std::string, std::string> gContents(CAssociativeArray& array) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-  // The readers take a zero-terminated text; the bytes may hold zeros of their own.
   std::string const text(reinterpret_cast<char const*>(data), size);
-  CAssociativeArray array;
-  try {
-    array.FromStringZ1(text);
-  } catch (CIllegalAssoSyntaxException const&) {
-  }
-  if (array.entries() == 0) return 0;
-  char const* form = nullptr;
-  int length = 0;
-  array.ToString(form, length, false, false);
-  CAssociativeArray back;
-  back.FromStringZ1(std::string(form, std::size_t(length)));
-  if (gContents(back) != gContents(array)) __builtin_trap();
+  // The whole input with its terminator, and the part before its first zero byte.
+  std::unique_ptr<char[]> const whole(new char[size + 1]);
+  std::memcpy(whole.get(), text.c_str(), size + 1);
+  std::size_t const zts = std::strlen(whole.get());
+  std::unique_ptr<char[]> const cut(new char[zts + 1]);
+  std::memcpy(cut.get(), whole.get(), zts + 1);
+  int const length = static_cast<int>(size);
+
+  tContents const sized = gRead([&](CAssociativeArray& a) { a.FromString(whole.get(), length); });
+  if (gRead([&](CAssociativeArray& a) { a.FromStringZ1(text); }) != sized) __builtin_trap();
+  if (gRead([&](CAssociativeArray& a) { a.FromStringZ1(RWCString(text)); }) != sized) __builtin_trap();
+  if (gRead([&](CAssociativeArray& a) { a.FromStringRef(RWCString(text)); }) != sized) __builtin_trap();
+
+  tContents const terminated = gRead([&](CAssociativeArray& a) { a.FromStringZTS(cut.get()); });
+  if (gRead([&](CAssociativeArray& a) { a.FromStringX2_deprecate(cut.get()); }) != terminated) __builtin_trap();
+  // A length shorter than the text bounds nothing: the terminator does.
+  if (gRead([&](CAssociativeArray& a) { a.FromString(cut.get(), static_cast<int>(zts / 2)); }) != terminated)
+    __builtin_trap();
   return 0;
 }

@@ -36,7 +36,7 @@ TEST(HashTable, IteratesByHashModuloBucketsThenInsertionOrderAndOnlyResizeRegrou
   for (auto const& value : values) EXPECT_EQ(two.find(value.get()), value.get());
 }
 
-TEST(HashTable, InsertAlwaysAddsWhileSetsKeepTheFirstEqualOrOnlyTheSameObject) {
+TEST(HashTable, InsertAlwaysAddsWhileSetsKeepTheFirstEqual) {
   RWCollectableString first("k"), second("k"), probe("k");
   RWHashTable table;
   EXPECT_EQ(table.insert(&first), &first);
@@ -49,13 +49,6 @@ TEST(HashTable, InsertAlwaysAddsWhileSetsKeepTheFirstEqualOrOnlyTheSameObject) {
   EXPECT_EQ(set.insert(&first), &first);
   EXPECT_EQ(set.insert(&second), &first);  // nothing inserted: the stored one comes back
   EXPECT_EQ(set.entries(), 1u);
-
-  RWIdentitySet identities;
-  for (RWCollectableString* each : {&first, &second, &first}) identities.insert(each);
-  EXPECT_EQ(identities.entries(), 2u);
-  EXPECT_EQ(identities.find(&probe), nullptr);
-  EXPECT_EQ(identities.remove(&first), &first);
-  EXPECT_EQ(identities.find(&second), &second);
 }
 
 TEST(HashTable, IteratorRemovalUncountsAndTheWalkGoesOnBehindIt) {
@@ -82,7 +75,7 @@ TEST(HashTable, IteratorRemovalUncountsAndTheWalkGoesOnBehindIt) {
   EXPECT_EQ(table.entries(), 3u);
 }
 
-TEST(HashTable, ClearAndDestroyDestroysAnObjectInsertedTwiceOnceAndCopiesShareElements) {
+TEST(HashTable, ClearAndDestroyDestroysAnObjectInsertedTwiceOnce) {
   cCounted::sDestroyed = 0;
   RWHashTable table;
   auto* twice = new cCounted("twice");
@@ -91,10 +84,7 @@ TEST(HashTable, ClearAndDestroyDestroysAnObjectInsertedTwiceOnceAndCopiesShareEl
   table.insert(new cCounted("once"));
   RWHashTable copy(table);
   copy.remove(twice);
-  EXPECT_EQ(table.entries(), 3u);  // the original keeps its own lists
-  RWHashTable assigned(11);
-  assigned = table;
-  EXPECT_EQ(gWalk(assigned), gWalk(table));
+  EXPECT_EQ(gWalk(table), (std::vector<std::string>{"twice", "twice", "once"}));  // its own lists
   table.clearAndDestroy();
   EXPECT_EQ(cCounted::sDestroyed, 2);
   EXPECT_TRUE(table.isEmpty());

@@ -27,18 +27,6 @@ std::string gBoundsText(auto&& call) {
   return "no RWBoundsErr";
 }
 
-TEST(Ordered, GrowsPastItsCapacityAndKeepsOrder) {
-  auto const values = gOwnedInts(130);
-  RWOrdered ordered, none(0);
-  for (auto const& value : values) ordered.insert(value.get());
-  none.insert(values[0].get());  // an empty vector must grow too
-  EXPECT_EQ(gValues(ordered).size(), 130u);
-  EXPECT_EQ(gValues(ordered)[129], 129);
-  ordered.clear();
-  EXPECT_EQ(ordered.last(), nullptr);
-  EXPECT_EQ(none.first(), values[0].get());
-}
-
 TEST(Ordered, IndexErrorsCarryTheirExactTexts) {
   RWOrdered ordered;
   std::string const npos = "[NPOSINDEX] The value RW_NPOS cannot be used as an index.";
@@ -84,18 +72,6 @@ TEST(Ordered, CopiesShareElementsAndClearAndDestroyDestroysEachOnce) {
   ordered.clearAndDestroy();
   EXPECT_EQ(cCounted::sDestroyed, 2);
   EXPECT_TRUE(ordered.isEmpty());
-}
-
-TEST(SlistCollectables, KeepsItsTailAndChecksIndexes) {
-  RWCollectableInt zero(0), one(1), two(2);
-  RWSlistCollectables list;
-  for (RWCollectableInt* each : {&zero, &one, &two}) list.append(each);
-  EXPECT_EQ(list.removeAt(2), &two);
-  list.append(&two);  // the tail moved back correctly
-  EXPECT_EQ(list.index(&two), 2u);
-  EXPECT_EQ(list.at(2), &two);
-  EXPECT_THROW(list.at(3), RWBoundsErr);
-  EXPECT_THROW(list.insertAt(4, &zero), RWBoundsErr);
 }
 
 }  // namespace
