@@ -39,6 +39,14 @@ inline std::vector<std::unique_ptr<RWCollectableInt>> gOwnedInts(int count) {
   return values;
 }
 
+// The values of a collection's integers in iteration order.
+inline std::vector<int> gInts(RWCollection& collection) {
+  std::vector<int> values;
+  std::unique_ptr<RWIterator> const next(collection.newIterator());
+  while (RWCollectable* element = (*next)()) values.push_back(gInt(element));
+  return values;
+}
+
 // The texts of a collection's elements (a dictionary's keys) in iteration order.
 inline std::vector<std::string> gWalk(RWCollection& collection) {
   std::vector<std::string> texts;

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -120,22 +119,6 @@ TEST(HashDictionary, LongChainsAnswerAsTheWalkDoes) {
   answersAsAWalk(dictionary);
   EXPECT_EQ(dictionary.insertKeyAndValue(pairs.keys[10].get(), pairs.values[10].get()), pairs.keys[10].get());
   EXPECT_EQ(dictionary.findValue(std::string_view("key10")), pairs.values[10].get());
-}
-
-TEST(HashDictionary, CopiesShareKeysAndValuesButNotAssociations) {
-  RWHashDictionary dictionary(11);
-  tPairs const pairs(dictionary, {"abcd", "a"});
-  RWCollectable const* a = pairs.keys[1].get();
-  RWHashDictionary copy(dictionary);
-  EXPECT_NE(copy.findAssociation(a), dictionary.findAssociation(a));
-  copy.remove(a);
-  EXPECT_EQ(dictionary.findValue(a), pairs.values[1].get());
-
-  RWHashDictionary assigned(3);
-  assigned.insertKeyAndValue(&copy, &copy);
-  assigned = dictionary;
-  EXPECT_EQ(gWalk(assigned), gWalk(dictionary));
-  EXPECT_EQ(assigned.findValue(&copy), nullptr);
 }
 
 }  // namespace

@@ -6,17 +6,10 @@
 #include "ContainerHelpers.h"
 #include "rwerr.h"
 #include "rwordered.h"
-#include "rwslist.h"
 
 namespace {
 
 using namespace corvanth::test;
-
-std::vector<int> gValues(RWOrdered const& ordered) {
-  std::vector<int> values;
-  for (std::size_t i = 0; i < ordered.entries(); ++i) values.push_back(gInt(ordered.at(i)));
-  return values;
-}
 
 std::string gBoundsText(auto&& call) {
   try {
@@ -39,7 +32,6 @@ TEST(Ordered, IndexErrorsCarryTheirExactTexts) {
             "[INDEXERR] Illegal Index (2) for collection or string with 1 elements");
   EXPECT_EQ(gBoundsText([&] { ordered.insertAfter(RW_NPOS, &one); }), npos);
   EXPECT_THROW(ordered[5], RWInternalErr);
-  EXPECT_EQ(ordered.entries(), 1u);
 }
 
 TEST(Ordered, InsertAtMovesLaterElementsAndRemoveMovesThemBack) {
@@ -49,10 +41,10 @@ TEST(Ordered, InsertAtMovesLaterElementsAndRemoveMovesThemBack) {
   ordered.prepend(&v0);
   ordered.insertAt(2, &v2);
   ordered.insertAfter(3, &v4);
-  EXPECT_EQ(gValues(ordered), (std::vector<int>{0, 1, 2, 3, 4}));
+  EXPECT_EQ(gInts(ordered), (std::vector<int>{0, 1, 2, 3, 4}));
   EXPECT_EQ(ordered.remove(&probe), &v2);
   EXPECT_EQ(ordered.removeAt(0), &v0);
-  EXPECT_EQ(gValues(ordered), (std::vector<int>{1, 3, 4}));
+  EXPECT_EQ(gInts(ordered), (std::vector<int>{1, 3, 4}));
   EXPECT_EQ(ordered.index(&probe), RW_NPOS);
 }
 

