@@ -7,11 +7,10 @@
 extern "C" {
 #include <sys/pidfd.h>
 }
+#include <fcntl.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <fcntl.h>
 
 #include <cerrno>
 #include <climits>

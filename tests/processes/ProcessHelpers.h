@@ -2,13 +2,21 @@
 // killed, each with a handle and a pidfd of the test's own to see it end.
 #pragma once
 
-#include <sys/types.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+extern "C" {
+#include <sys/pidfd.h>
+}
 
+#include <chrono>
 #include <functional>
-#include <string>
+#include <thread>
 #include <vector>
 
-#include "FrimLog.h"
+#include "KRPlatform.h"
 
 namespace corvanth::test {
 
@@ -19,43 +27,47 @@ struct cChild {
 };
 
 // True once the process of `pidfd` has ended, waiting at most `milliseconds`.
-bool gEnded(int pidfd, int milliseconds = 0);
+inline bool gEnded(int pidfd, int milliseconds = 0) {
+  pollfd watch{pidfd, POLLIN, 0};
+  return ::poll(&watch, 1, milliseconds) == 1;
+}
+
 // True once `done` holds, asking every 10 ms for at most `milliseconds`.
-bool gWithin(int milliseconds, std::function<bool()> const& done);
-// Runs `body` in a child process; its result, or -1 when it did not exit.
-int gInChild(std::function<int()> const& body);
+inline bool gWithin(int milliseconds, std::function<bool()> const& done) {
+  for (int waited = 0; !done(); waited += 10) {
+    if (waited >= milliseconds) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
+}
 
 // Children started by a test; what nobody reaped yet is killed at the end.
 class cChildren {
  public:
-  cChildren() = default;
-  cChildren(cChildren const&) = delete;
-  cChildren& operator=(cChildren const&) = delete;
-  ~cChildren();
+  ~cChildren() {
+    for (cChild const& child : mChildren) {
+      // Only a child that nobody reaped yet is still ours to kill: its pid cannot have been reused.
+      if (::waitpid(child.pid, nullptr, WNOHANG) == 0) {
+        ::kill(child.pid, SIGKILL);
+        ::waitpid(child.pid, nullptr, 0);
+      }
+      ::close(child.pidfd);
+      MXPCloseProcess(child.handle);
+    }
+  }
   // A child that waits for a signal; `exitAtOnce` makes it _exit(0) instead.
-  cChild fStart(bool exitAtOnce = false);
+  cChild fStart(bool exitAtOnce = false) {
+    pid_t const pid = ::fork();
+    if (pid == 0) {
+      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+      if (exitAtOnce) ::_exit(0);
+      for (;;) ::pause();
+    }
+    return mChildren.emplace_back(cChild{pid, ::pidfd_open(pid, 0), MXPOpenProcess(pid)});
+  }
 
  private:
   std::vector<cChild> mChildren;
 };
-
-// Notes, for each kill statement, its text and which children had ended then.
-class cDeathWitness : public nLog::iTargetUnit {
- public:
-  explicit cDeathWitness(std::vector<cChild> watched) : mWatched(std::move(watched)) {}
-  struct cSeen {
-    std::string text;
-    std::string gone;  // one character per watched child: 'x' ended, '-' alive
-    bool operator==(cSeen const&) const = default;
-  };
-  std::vector<cSeen> mSeen;
-
- private:
-  void vCommitRecord(nLog::cRecord const& record) override;
-  std::vector<cChild> mWatched;
-};
-
-// The text "<message>\t<handle>" that the kill step writes for a child.
-std::string gKillText(char const* message, cChild const& child);
 
 }  // namespace corvanth::test
