@@ -16,11 +16,12 @@ std::atomic<RWMutexLock::tCheckHook> RWMutexLock::sCheckHook{nullptr};
 RWMutexLock::~RWMutexLock() {
   if (mState.load(std::memory_order_acquire) == 2) {
     // Destroying a held mutex is undefined. The owner's holds are let go
-    // first (glibc keeps a recursive mutex's depth in __count, which only the
-    // owner changes); a mutex another thread holds is left as it is, since a
-    // pthread mutex owns nothing outside its own bytes.
+    // first: a recursive mutex refuses (EPERM) the unlock after the last one.
+    // A mutex another thread holds is left as it is, since a pthread mutex
+    // owns nothing outside its own bytes.
     if (pthread_mutex_trylock(&mMutex) == 0) {
-      for (unsigned holds = mMutex.__data.__count; holds > 0; --holds) pthread_mutex_unlock(&mMutex);
+      while (pthread_mutex_unlock(&mMutex) == 0) {
+      }
       pthread_mutex_destroy(&mMutex);
     }
   }
