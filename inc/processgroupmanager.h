@@ -12,8 +12,9 @@
 // RemoveProcess and TerminateElementZ0 destroy the record they take out.
 // Otherwise nothing is destroyed by a destructor: destroying a manager leaves
 // its keys, groups and records alive and its processes running, and copies of
-// a manager or a group share keys, groups and records. Process handles are
-// never closed here.
+// a manager or a group share keys, groups and records. Process handles come
+// from MXPOpenProcess or MXPOpenProcessGroup (KRPlatform.h) and are never
+// closed here: that stays with whoever made them.
 //
 // Nothing here locks: a manager used from several threads must be guarded by
 // its user.

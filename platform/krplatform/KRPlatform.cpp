@@ -210,7 +210,7 @@ tMXPKillProcess_ gMXPKillProcessWithin(void* const& handle, int milliseconds) {
   }
   if (::pidfd_send_signal(bound.pidfd, SIGKILL, nullptr, 0) != 0)
     return errno == ESRCH ? eMXPKillProcessAlreadyTerminated : eMXPKillProcessCannotKill;
-  if (!gHasExited(bound.pidfd, milliseconds)) {
+  if (!gHasExited(bound.pidfd, milliseconds < 0 ? 0 : milliseconds)) {
     gReapWhenGone(bound.pidfd);
     return eMXPKillProcessCannotKill;
   }

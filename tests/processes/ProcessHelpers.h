@@ -34,10 +34,9 @@ inline bool gEnded(int pidfd, int milliseconds = 0) {
 
 // True once `done` holds, asking every 10 ms for at most `milliseconds`.
 inline bool gWithin(int milliseconds, std::function<bool()> const& done) {
-  for (int waited = 0; !done(); waited += 10) {
+  auto const pause = std::chrono::milliseconds(10);
+  for (int waited = 0; !done(); waited += 10, std::this_thread::sleep_for(pause))
     if (waited >= milliseconds) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
   return true;
 }
 

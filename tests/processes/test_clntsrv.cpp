@@ -14,11 +14,7 @@ int gClientsGone = 0, gEventsGone = 0;
 class cClient : public ClientObj {
  public:
   ~cClient() override { ++gClientsGone; }
-  int fHandle(BaseEvent& event) {
-    seen = &event;
-    ++calls;
-    return result;
-  }
+  int fHandle(BaseEvent& event) { return seen = &event, ++calls, result; }
   int result = 1, calls = 0;
   BaseEvent* seen = nullptr;
   using ClientObj::lastOpcode, ClientObj::signOnCount;

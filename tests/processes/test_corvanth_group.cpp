@@ -10,8 +10,7 @@
 
 namespace {
 
-using corvanth::test::gEnded;
-using corvanth::test::gWithin;
+using namespace corvanth::test;
 using tLines = std::vector<std::string>;
 using ::testing::Contains;
 

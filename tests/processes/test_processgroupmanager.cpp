@@ -44,8 +44,7 @@ TEST(ProcessesGroupManager, KillsNewestFirstGoesOnPastAnEndedMemberAndFreesTheNa
                                              gKillText("gKillProcess(%d) already terminated", b),
                                              gKillText("gKillProcess(%d) killed", a)}));
   EXPECT_TRUE(gEnded(a.pidfd) && gEnded(c.pidfd));
-  EXPECT_EQ(capture.fWithText("ProcessesGroupManager::TerminateGroup terminating\tworkers").size(),
-            1u);
+  EXPECT_EQ(capture.fWithText("TerminateGroup terminating\tworkers").size(), 1u);
   EXPECT_EQ(manager.GetProcessGroup(name), nullptr);
 }
 
@@ -54,8 +53,7 @@ TEST(ProcessesGroupManager, NamesValuesRemovalAndOneElementKilledWhileTheManager
   auto* manager = new ProcessesGroupManager;
   RWCString name("nobody");
   EXPECT_FALSE(manager->TerminateGroup(name));
-  auto const reports =
-      capture.fWithText("ProcessesGroupManager::TerminateGroup unknown group \tnobody");
+  auto const reports = capture.fWithText("TerminateGroup unknown group \tnobody");
   ASSERT_EQ(reports.size(), 1u);
   EXPECT_EQ(reports[0].tag + ' ' + reports[0].source, "Error processgroupmanager");
 
