@@ -88,18 +88,17 @@ bool gIsUnreapedChild(int pidfd) {
 }
 
 // A child of ours that outlived the wait after SIGKILL still ends some day;
-// someone must reap it then, or it stays a zombie of ours.
+// someone must reap it then, or it stays a zombie of ours. The thread waits
+// on the pidfd rather than in waitid, which would take the stops that a
+// tracer of the child waits for.
 void gReapWhenGone(int pidfd) {
   if (!gIsUnreapedChild(pidfd)) return;
   int const kept = ::fcntl(pidfd, F_DUPFD_CLOEXEC, 0);
   if (kept < 0) return;
   try {
     std::thread([kept] {
-      siginfo_t info{};
-      while (::waitid(static_cast<idtype_t>(P_PIDFD), static_cast<id_t>(kept), &info, WEXITED) !=
-                 0 &&
-             errno == EINTR) {
-      }
+      gHasExited(kept, -1);
+      gReapIfChild(kept);
       ::close(kept);
     }).detach();
   } catch (std::system_error const&) {

@@ -19,11 +19,10 @@ struct cRun {
   tLines lines, started, kills;  // all; "kill <pid>: " of each started, newest first; outcomes
 };
 
-// Runs the tool with `arguments` as a shell gives them; once the "waiting"
-// line came, runs `atWaiting` and sends `signal` (0: none), then reads on to
-// the end. A kill line out of the order newest first is kept whole.
-cRun gRunTool(std::string const& arguments, int signal = 0,
-              std::function<void()> const& atWaiting = {}) {
+// Runs the tool with `arguments` as a shell gives them, and `atWaiting` with
+// its pid once the "waiting" line came. A kill line out of the order newest
+// first is kept whole.
+cRun gRunTool(std::string const& arguments, std::function<void(pid_t)> const& atWaiting = {}) {
   cRun run;
   FILE* const out = ::popen(("echo $$; exec " CORVANTH_TOOL " " + arguments).c_str(), "r");
   pid_t tool = 0;  // the shell's pid, which exec hands on to the tool
@@ -38,9 +37,7 @@ cRun gRunTool(std::string const& arguments, int signal = 0,
       run.kills.push_back(line.substr(run.started[next].size()));
     else if (line.rfind("kill ", 0) == 0)
       run.kills.push_back(line);
-    if (line.rfind("waiting ", 0) != 0) continue;
-    if (atWaiting) atWaiting();
-    if (signal != 0) ::kill(tool, signal);
+    if (atWaiting && line.rfind("waiting ", 0) == 0) atWaiting(tool);
   }
   int const status = ::pclose(out);
   run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -56,15 +53,16 @@ TEST(CorvanthGroup, ASignalOrATimeOutKillsEachCommandWithWhatItStartedNewestFirs
     commands += "sh -c 'exec >/dev/null; sleep 97 & echo $! >" + file + "; wait' ';' ";
   }
   std::vector<int> grandchildren;
-  auto const watch = [&] {
+  auto const watchAndStop = [&](pid_t tool) {
     for (std::string const& file : files) {
       int pid = 0;
       EXPECT_TRUE(gWithin(5000, [&] { return (std::ifstream(file) >> pid) && pid > 0; })) << file;
       grandchildren.push_back(::pidfd_open(pid, 0));
     }
+    ::kill(tool, SIGTERM);
   };
   cRun const signalled =
-      gRunTool("group --name three 1000 -- " + commands + "sleep 1002", SIGTERM, watch);
+      gRunTool("group --name three 1000 -- " + commands + "sleep 1002", watchAndStop);
   EXPECT_EQ(signalled.exitCode, 0);
   EXPECT_EQ(signalled.kills, tLines(3, "killed"));
   EXPECT_THAT(signalled.lines, Contains("stopping group three: SIGTERM"));
