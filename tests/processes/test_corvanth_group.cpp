@@ -47,8 +47,8 @@ cRun gRunTool(std::string const& arguments, std::function<void(pid_t)> const& at
 TEST(CorvanthGroup, ASignalOrATimeOutKillsEachCommandWithWhatItStartedNewestFirst) {
   // Two shells each start a sleep of their own, off the tool's output, and tell its pid.
   std::string files[2], commands;
-  for (std::string& file : files) {
-    file = ::testing::TempDir() + "grandchild-" + std::to_string(&file - files);
+  for (std::string& file : files) {  // named after our pid: others' runs may leave theirs
+    file = ::testing::TempDir() + "grandchild-" + std::to_string(::getpid() * 2 + (&file - files));
     std::remove(file.c_str());
     commands += "sh -c 'exec >/dev/null; sleep 97 & echo $! >" + file + "; wait' ';' ";
   }
@@ -71,6 +71,7 @@ TEST(CorvanthGroup, ASignalOrATimeOutKillsEachCommandWithWhatItStartedNewestFirs
     EXPECT_TRUE(grandchild >= 0 && gEnded(grandchild, 5000)) << "a command's own child lives on";
     ::close(grandchild);
   }
+  for (std::string const& file : files) std::remove(file.c_str());
 
   cRun const timedOut = gRunTool("group 0.05 -- sleep 1000 ';' sleep 1000");
   EXPECT_EQ(timedOut.exitCode, 0);
