@@ -11,21 +11,6 @@ namespace {
 
 using namespace corvanth::test;
 
-std::string gHeaderBytes(long length, short type, short subtype) {
-  c_MessageHeader header{};
-  SSMMakeMessageHeader(length, type, subtype, &header);
-  EXPECT_EQ(header.fLength(), length);
-  EXPECT_EQ(header.fType(), type);
-  EXPECT_EQ(header.fSubtype(), subtype);
-  return std::string(reinterpret_cast<const char*>(&header), sizeof header);
-}
-
-TEST(FrameHeader, NetworkOrderBytes) {
-  EXPECT_EQ(gHeaderBytes(57, 5, 2), std::string("\x00\x00\x00\x39\x00\x05\x00\x02", 8));
-  EXPECT_EQ(gHeaderBytes(1, -1, 256), std::string("\x00\x00\x00\x01\xFF\xFF\x01\x00", 8));
-  EXPECT_EQ(gHeaderBytes(0x12345678, -2, 300), std::string("\x12\x34\x56\x78\xFF\xFE\x01\x2C", 8));
-}
-
 // Tells the test when the object is gone.
 class cWatchedObject : public cTypedMessageObject {
  public:
