@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "rwcollection.h"
@@ -39,20 +40,16 @@ inline std::vector<std::unique_ptr<RWCollectableInt>> gOwnedInts(int count) {
   return values;
 }
 
-// The values of a collection's integers in iteration order.
-inline std::vector<int> gInts(RWCollection& collection) {
-  std::vector<int> values;
+// A collection's integers or texts (a dictionary's keys) in iteration order.
+template <class tValue = std::string>
+std::vector<tValue> gWalk(RWCollection& collection) {
+  std::vector<tValue> values;
   std::unique_ptr<RWIterator> const next(collection.newIterator());
-  while (RWCollectable* element = (*next)()) values.push_back(gInt(element));
+  while (RWCollectable* element = (*next)()) {
+    if constexpr (std::is_same_v<tValue, int>) values.push_back(gInt(element));
+    else values.push_back(gText(element));
+  }
   return values;
-}
-
-// The texts of a collection's elements (a dictionary's keys) in iteration order.
-inline std::vector<std::string> gWalk(RWCollection& collection) {
-  std::vector<std::string> texts;
-  std::unique_ptr<RWIterator> const next(collection.newIterator());
-  while (RWCollectable* element = (*next)()) texts.push_back(gText(element));
-  return texts;
 }
 
 }  // namespace corvanth::test

@@ -1,8 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "ContainerHelpers.h"
+#include "CorvanthAddress.h"
 #include "rwcstring.h"
 #include "rwtoken.h"
 
@@ -51,6 +50,27 @@ TEST(Tokenizer, SkipsRunsOfDelimitersAndStaysAtTheEnd) {
   text = "changed";  // the tokenizer works on its own copy
   for (char const* word : {"one", "two", "three"}) EXPECT_EQ(several(" ,\t"), word);
   EXPECT_TRUE(RWCTokenizer(RWCString("@@@"))("@").isNull());
+}
+
+TEST(CorvanthAddress, JoiningAndSplittingFollowTheTableRowByRow) {
+  auto const expect = [](CCorvanthAddress const& address, char const* text, char const* client, char const* host) {
+    SCOPED_TRACE(text);
+    EXPECT_STREQ(address.Address(), text);
+    EXPECT_STREQ(address.ClientName(), client);
+    EXPECT_STREQ(address.HostName(), host);
+  };
+  expect(CCorvanthAddress("agent", "host1"), "agent@host1", "agent", "host1");
+  expect(CCorvanthAddress("", "host"), "@host", "", "host");
+  expect(CCorvanthAddress("client", ""), "client@", "client", "");
+  expect(CCorvanthAddress("", ""), "@", "", "");
+  expect(CCorvanthAddress("a@b", "c"), "a@b@c", "a@b", "c");
+  expect(CCorvanthAddress("agent@host1"), "agent@host1", "agent", "host1");
+  expect(CCorvanthAddress("agent"), "agent", "agent", "");
+  expect(CCorvanthAddress("agent@"), "agent@", "agent", "");
+  expect(CCorvanthAddress("@host1"), "@host1", "host1", "");
+  expect(CCorvanthAddress("a@b@c"), "a@b@c", "a", "b");
+  expect(CCorvanthAddress(""), "", "", "");
+  expect(CCorvanthAddress("@@a@@b"), "@@a@@b", "a", "b");
 }
 
 }  // namespace

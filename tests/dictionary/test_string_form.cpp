@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <map>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -10,54 +9,38 @@
 #include "AssociativeArray.h"
 #include "AssociativeArrayExceptions.h"
 #include "LogCapture.h"
-#include "rwcollstr.h"
-#include "rwhashdict.h"
 
 namespace {
-
-std::string gForm(CAssociativeArray const& array, bool omitBody = false, bool omitProxyPost = false) {
-  char const* text = nullptr;
-  int length = 0;
-  array.ToString(text, length, omitBody, omitProxyPost);
-  return std::string(text, std::size_t(length));
-}
-
-// Every couple, read through the dictionary's own iterator.
-std::map<std::string, std::string> gContents(CAssociativeArray& array) {
-  std::map<std::string, std::string> out;
-  RWHashDictionaryIterator it(array);
-  while (RWCollectable* key = it()) {
-    out[*static_cast<RWCollectableString*>(key)] = *static_cast<RWCollectableString*>(it.value());
-  }
-  return out;
-}
 
 TEST(StringForm, WorkedExamples) {
   CAssociativeArray inner;
   inner.AddCouple("k", "v");
   std::string const nested = inner.ToString(false, false);
   struct tCase {
-    std::map<std::string, std::string> couples;
+    char const *key, *value;  // no couple without a key
     bool omitBody, omitProxyPost;
     char const* form;
   };
   tCase const cases[] = {
-      {{}, true, true, " "},
-      {{{"a", "1"}}, false, false, "1 '1 a '1 1 "},
-      {{{"a", ""}}, false, false, "1 '1 a '0  "},
-      {{{"outer", nested}}, false, false, "1 '5 outer '12 1 '1 k '1 v  "},
-      {{{"$RESPONSEBODY", "abcdef"}}, false, false, "1 '13 $RESPONSEBODY '6 abcdef "},
-      {{{"$RESPONSEBODY", "abcdef"}}, true, false, "1 '13 $RESPONSEBODY '0  "},
-      {{{"$PROXYPOSTDATA", "abcdef"}}, true, false, "1 '14 $PROXYPOSTDATA '6 abcdef "},
-      {{{"$PROXYPOSTDATA", "abcdef"}}, true, true, "1 '14 $PROXYPOSTDATA '0  "},
-      {{{"$PROXYPOSTDATA", "abcdef"}}, false, true, "1 '14 $PROXYPOSTDATA '6 abcdef "},
+      {nullptr, nullptr, true, true, " "},
+      {"a", "1", false, false, "1 '1 a '1 1 "},
+      {"a", "", false, false, "1 '1 a '0  "},
+      {"outer", nested.c_str(), false, false, "1 '5 outer '12 1 '1 k '1 v  "},
+      {"$RESPONSEBODY", "abcdef", false, false, "1 '13 $RESPONSEBODY '6 abcdef "},
+      {"$RESPONSEBODY", "abcdef", true, false, "1 '13 $RESPONSEBODY '0  "},
+      {"$PROXYPOSTDATA", "abcdef", true, false, "1 '14 $PROXYPOSTDATA '6 abcdef "},
+      {"$PROXYPOSTDATA", "abcdef", true, true, "1 '14 $PROXYPOSTDATA '0  "},
+      {"$PROXYPOSTDATA", "abcdef", false, true, "1 '14 $PROXYPOSTDATA '6 abcdef "},
   };
   for (tCase const& c : cases) {
     CAssociativeArray array;
-    for (auto const& [key, value] : c.couples) array.AddCouple(key.c_str(), value.c_str());
-    EXPECT_EQ(gForm(array, c.omitBody, c.omitProxyPost), c.form);
+    if (c.key) array.AddCouple(c.key, c.value);
+    char const* text = nullptr;
+    int length = 0;
+    array.ToString(text, length, c.omitBody, c.omitProxyPost);
+    EXPECT_EQ(std::string(text, std::size_t(length)), c.form);
     EXPECT_EQ(array.ToStringRef(c.omitBody, c.omitProxyPost), c.form);
-    for (auto const& [key, value] : c.couples) EXPECT_EQ(array[key.c_str()], value);  // only the text lacks it
+    EXPECT_STREQ(c.key ? array[c.key] : nullptr, c.value);  // only the text lacks it
   }
 }
 
@@ -68,24 +51,25 @@ TEST(StringForm, ReaderEdgeCasesAndHostileForms) {
   struct tCase {
     char const* text;
     bool raises;
-    std::map<std::string, std::string> couples;  // what the array holds afterwards
+    char const* form;  // what the array holds afterwards
   };
+  char const* const a1 = "1 '1 a '1 1 ";
   tCase const cases[] = {
-      {" ", true, {}}, {"", true, {}}, {"0 ", false, {}}, {"-3 ", false, {}}, {"00 ", true, {}}, {"+0 ", true, {}},
-      {"2 '1 a '1 1 ", true, {{"a", "1"}}},  // no rollback
-      {"1 '1 a '1 1 trailing junk", false, {{"a", "1"}}},
-      {"1 '1 bX'1 cY", false, {{"b", "c"}}},  // the byte after a token is never looked at
-      {"1 '1 d '1 e", false, {{"d", "e"}}},   // no end mark
-      {"2 '1 a '1 1 '1 b '1 2", false, {{"a", "1"}, {"b", "2"}}},
-      {"-00000000000000001 ", false, {}},  // 18 bytes pass the length check
-      {"-000000000000000001 ", true, {}},  // 19 do not
-      {"1 '00 a", true, {}},
-      {"1 '007 abcdefg '3x xyz ", false, {{"abcdefg", "xyz"}}},
-      {"3x '1 k '1 1 '1 l '1 2 '1 m '1 3 ", false, {{"k", "1"}, {"l", "2"}, {"m", "3"}}},
-      {"2 '1 a '1 1 '999 b '1 2 ", true, {{"a", "1"}}},  // a length past the end
-      {"2 '1 a '1 1 '-1 b '1 2 ", true, {{"a", "1"}}},   // a negative length
-      {"3 '1 a '1 1 '1 b '1 2", true, {{"a", "1"}, {"b", "2"}}},
-      {"1 '1 a '5 1", true, {}},  // a value longer than the rest
+      {" ", true, " "}, {"", true, " "}, {"0 ", false, " "}, {"-3 ", false, " "}, {"00 ", true, " "}, {"+0 ", true, " "},
+      {"2 '1 a '1 1 ", true, a1},  // no rollback
+      {"1 '1 a '1 1 trailing junk", false, a1},
+      {"1 '1 bX'1 cY", false, "1 '1 b '1 c "},  // the byte after a token is never looked at
+      {"1 '1 d '1 e", false, "1 '1 d '1 e "},   // no end mark
+      {"2 '1 a '1 1 '1 b '1 2", false, "2 '1 b '1 2 '1 a '1 1 "},
+      {"-00000000000000001 ", false, " "},  // 18 bytes pass the length check
+      {"-000000000000000001 ", true, " "},  // 19 do not
+      {"1 '00 a", true, " "},
+      {"1 '007 abcdefg '3x xyz ", false, "1 '7 abcdefg '3 xyz "},
+      {"3x '1 k '1 1 '1 l '1 2 '1 m '1 3 ", false, "3 '1 m '1 3 '1 k '1 1 '1 l '1 2 "},
+      {"2 '1 a '1 1 '999 b '1 2 ", true, a1},  // a length past the end
+      {"2 '1 a '1 1 '-1 b '1 2 ", true, a1},   // a negative length
+      {"3 '1 a '1 1 '1 b '1 2", true, "2 '1 b '1 2 '1 a '1 1 "},
+      {"1 '1 a '5 1", true, " "},  // a value longer than the rest
   };
   std::size_t failures = 0;
   for (tCase const& c : cases) {
@@ -96,9 +80,9 @@ TEST(StringForm, ReaderEdgeCasesAndHostileForms) {
     } catch (CIllegalAssoSyntaxException const& e) {
       what = e.what();
     }
-    EXPECT_EQ(what != "", c.raises) << c.text;
-    EXPECT_TRUE(!c.raises || what.find(c.text) != std::string::npos) << "[" << c.text << "] gave [" << what << "]";
-    EXPECT_EQ(gContents(array), c.couples) << c.text;
+    EXPECT_EQ(what.find("\"" + std::string(c.text) + "\"") != std::string::npos, c.raises)
+        << "[" << c.text << "] gave [" << what << "]";
+    EXPECT_STREQ(array.ToString(false, false), c.form) << c.text;
     failures += c.raises;
   }
   EXPECT_FALSE(capture.fWithText("\t2 '1 a '1 1 '999 b '1 2 ").empty());
