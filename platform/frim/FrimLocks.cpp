@@ -16,15 +16,16 @@ std::atomic<RWMutexLock::tCheckHook> RWMutexLock::sCheckHook{nullptr};
 RWMutexLock::~RWMutexLock() {
   if (mState.load(std::memory_order_acquire) == 2) {
     // Destroying a held mutex is undefined. The owner's holds are let go
-    // first: a recursive mutex refuses (EPERM) the unlock after the last one.
-    // A mutex another thread holds is left as it is, since a pthread mutex
-    // owns nothing outside its own bytes.
+    // first, with the one taken here; a mutex another thread holds is left as
+    // it is, since a pthread mutex owns nothing outside its own bytes.
     if (pthread_mutex_trylock(&mMutex) == 0) {
-      while (pthread_mutex_unlock(&mMutex) == 0) {
+      for (int holds = mHolds.load(std::memory_order_relaxed); holds >= 0; --holds) {
+        pthread_mutex_unlock(&mMutex);
       }
       pthread_mutex_destroy(&mMutex);
     }
   }
+  mHolds.store(0, std::memory_order_relaxed);
   mState.store(0, std::memory_order_release);
 }
 
@@ -76,7 +77,10 @@ int RWMutexLock::acquire(unsigned long milliseconds) {
 #else
   int rc = pthread_mutex_clocklock(&mMutex, clock, &until);
 #endif
-  if (rc == 0) return 1;
+  if (rc == 0) {
+    mHolds.fetch_add(1, std::memory_order_relaxed);
+    return 1;
+  }
   if (rc != ETIMEDOUT) fail("RWMutexLock::acquire - WaitForSingleObject() - ", rc);
   return 0;
 }

@@ -28,6 +28,7 @@ class CORVANTH_EXPORT RWMutexLock {
     callCheckHook();
     ensure();
     if (int rc = pthread_mutex_lock(&mMutex); rc != 0) fail("RWMutexLock::acquire - WaitForSingleObject() - ", rc);
+    mHolds.fetch_add(1, std::memory_order_relaxed);
   }
   // 1 when the mutex was got within the limit, 0 when the limit ran out.
   int acquire(unsigned long milliseconds);
@@ -35,13 +36,17 @@ class CORVANTH_EXPORT RWMutexLock {
     callCheckHook();
     ensure();
     int rc = pthread_mutex_trylock(&mMutex);
-    if (rc == 0) return true;
+    if (rc == 0) {
+      mHolds.fetch_add(1, std::memory_order_relaxed);
+      return true;
+    }
     if (rc != EBUSY) fail("RWMutexLock::tryAcquire - WaitForSingleObject() - ", rc);
     return false;
   }
   void release() {
     ensure();
     if (int rc = pthread_mutex_unlock(&mMutex); rc != 0) fail("RWMutexLock::release - ReleaseMutex() - ", rc);
+    mHolds.fetch_sub(1, std::memory_order_relaxed);
   }
 
   // BasicLockable, for the condition variables.
@@ -67,6 +72,8 @@ class CORVANTH_EXPORT RWMutexLock {
   static std::atomic<tCheckHook> sCheckHook;
   pthread_mutex_t mMutex{};
   std::atomic<int> mState{0};
+  // Holds of the owner, so that the end can let them go (the mutex does not tell).
+  std::atomic<int> mHolds{0};
 };
 
 template <class Mutex>
