@@ -180,14 +180,14 @@ class cMutexRecursive {
   void fAcquire() {
     mGuard.fCheck();
     mLock.acquire();
-    mDepth.fetch_add(1, std::memory_order_relaxed);
+    fCount(1);
     mGuard.fCheck();
   }
   // Counts first: a release that the lock refuses has already taken its 1.
   // That release may come from a thread without the lock, hence the atomic.
   void fRelease() {
     mGuard.fCheck();
-    mDepth.fetch_sub(1, std::memory_order_relaxed);
+    fCount(-1);
     mLock.release();
   }
   // Only the holder may ask; its own hold is the 1 that does not count.
@@ -207,7 +207,7 @@ class cMutexRecursive {
         throw ::nLog::nImplementation_sho::cRet_();
       }
     }
-    mDepth.fetch_add(1, std::memory_order_relaxed);
+    fCount(1);
     return atOnce ? tAcquireResult::eAtOnce : tAcquireResult::eAfterWait;
   }
   int fDepth() const { return mDepth.load(std::memory_order_relaxed); }
@@ -215,6 +215,12 @@ class cMutexRecursive {
   ecpMutex<cMutexRecursive> operator()() { return ecpMutex<cMutexRecursive>(*this); }
 
  private:
+  // A load and a store, not a locked instruction: apart from a release that
+  // the lock then refuses, only the holder changes the depth.
+  void fCount(int change) {
+    mDepth.store(mDepth.load(std::memory_order_relaxed) + change, std::memory_order_relaxed);
+  }
+
   nDebugSection_debug::cXtor_templatedef<void> mGuard;
   RWTRecursiveLock<RWMutexLock> mLock;
   std::atomic<int> mDepth{0};

@@ -78,7 +78,7 @@ int RWMutexLock::acquire(unsigned long milliseconds) {
   int rc = pthread_mutex_clocklock(&mMutex, clock, &until);
 #endif
   if (rc == 0) {
-    mHolds.fetch_add(1, std::memory_order_relaxed);
+    fCountHold(1);
     return 1;
   }
   if (rc != ETIMEDOUT) fail("RWMutexLock::acquire - WaitForSingleObject() - ", rc);

@@ -28,7 +28,7 @@ class CORVANTH_EXPORT RWMutexLock {
     callCheckHook();
     ensure();
     if (int rc = pthread_mutex_lock(&mMutex); rc != 0) fail("RWMutexLock::acquire - WaitForSingleObject() - ", rc);
-    mHolds.fetch_add(1, std::memory_order_relaxed);
+    fCountHold(1);
   }
   // 1 when the mutex was got within the limit, 0 when the limit ran out.
   int acquire(unsigned long milliseconds);
@@ -37,7 +37,7 @@ class CORVANTH_EXPORT RWMutexLock {
     ensure();
     int rc = pthread_mutex_trylock(&mMutex);
     if (rc == 0) {
-      mHolds.fetch_add(1, std::memory_order_relaxed);
+      fCountHold(1);
       return true;
     }
     if (rc != EBUSY) fail("RWMutexLock::tryAcquire - WaitForSingleObject() - ", rc);
@@ -45,8 +45,11 @@ class CORVANTH_EXPORT RWMutexLock {
   }
   void release() {
     ensure();
-    if (int rc = pthread_mutex_unlock(&mMutex); rc != 0) fail("RWMutexLock::release - ReleaseMutex() - ", rc);
-    mHolds.fetch_sub(1, std::memory_order_relaxed);
+    fCountHold(-1);  // while it is still ours
+    if (int rc = pthread_mutex_unlock(&mMutex); rc != 0) {
+      fCountHold(1);
+      fail("RWMutexLock::release - ReleaseMutex() - ", rc);
+    }
   }
 
   // BasicLockable, for the condition variables.
@@ -68,6 +71,10 @@ class CORVANTH_EXPORT RWMutexLock {
   }
   void make();
   [[noreturn]] static void fail(char const* what, int code);
+  // Only the owner counts, so a load and a store do (no locked instruction).
+  void fCountHold(int change) {
+    mHolds.store(mHolds.load(std::memory_order_relaxed) + change, std::memory_order_relaxed);
+  }
 
   static std::atomic<tCheckHook> sCheckHook;
   pthread_mutex_t mMutex{};
