@@ -3,18 +3,78 @@
 // payload is read straight into the array that the caller gets.
 #include "streamsocket.h"
 
+#include <openssl/err.h>
 #include <openssl/ssl.h>
+#include <openssl/x509.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/socket.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <iostream>
 #include <memory>
 #include <stdexcept>
 #include <string_view>
+#include <thread>
 #include <utility>
 
 #include "Log.dec.h"
 
 namespace nSocket = nCommunication::nSocket;
+
+namespace {
+
+bool gFileExists(std::string const& path) {
+  std::ifstream file(path);
+  return file.good();
+}
+
+// OpenSSL writes to the descriptor with write(), and a gone peer would raise
+// SIGPIPE, which ends the process; the plain path sends with MSG_NOSIGNAL.
+// SIGPIPE is held back for the call and a pending one taken after a failure.
+class cSigpipeHeld {
+ public:
+  cSigpipeHeld() {
+    sigemptyset(&mPipe);
+    sigaddset(&mPipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &mPipe, &mFormer);
+    mHeld = sigismember(&mFormer, SIGPIPE) == 0;
+  }
+  cSigpipeHeld(cSigpipeHeld const&) = delete;
+  cSigpipeHeld& operator=(cSigpipeHeld const&) = delete;
+  ~cSigpipeHeld() {
+    if (!mHeld) return;
+    if (mFailed) {
+      timespec const none{};
+      while (sigtimedwait(&mPipe, nullptr, &none) == SIGPIPE) {
+      }
+    }
+    pthread_sigmask(SIG_SETMASK, &mFormer, nullptr);
+  }
+  int fCheck(int result) {
+    mFailed = mFailed || result <= 0;
+    return result;
+  }
+
+ private:
+  sigset_t mPipe;
+  sigset_t mFormer;
+  bool mHeld = false;
+  bool mFailed = false;
+};
+
+std::string gVerifyFailure(char const* role, long result) {
+  return std::string("Failed to verify ") + role + " certificate: " +
+         X509_verify_cert_error_string(result) + " (Error code: " + std::to_string(result) + ")";
+}
+
+}  // namespace
 
 StreamSocket::StreamSocket(nSocket::cHandleValid handle, bool sslEnable, ssl_st* ssl,
                            bool verifyServer, bool verifyClient, std::string certificatePath)
@@ -48,7 +108,79 @@ void StreamSocket::Connect(const std::string& host, unsigned short newPort,
   handle = nSocket::cHandleOptional(nSocket::gCreateConnected(host, newPort, options));
   port = newPort;
   portType = ConnectedPort;
-  if (sslEnable) throw std::runtime_error("TLS is not available in this build");
+  if (!sslEnable) return;
+
+  InitializeSSL();
+  clientContext = SSL_CTX_new(TLS_client_method());
+  if (clientContext == nullptr) throw std::runtime_error("Failed to initialize SSL context for client");
+  if (verifyServer) {
+    std::string const bundle = certificatePath + "/ca_bundle.crt";
+    if (!gFileExists(bundle)) throw std::runtime_error("CA Certificate file does not exist: " + bundle);
+    if (SSL_CTX_load_verify_locations(clientContext, bundle.c_str(), nullptr) == 0) {
+      ERR_print_errors_fp(stderr);
+      throw std::runtime_error("Failed to load CA certificate: " + bundle);
+    }
+    SSL_CTX_set_verify(clientContext, SSL_VERIFY_PEER, nullptr);
+    SSL_CTX_set_verify_depth(clientContext, 1);
+  } else {
+    SSL_CTX_set_verify(clientContext, SSL_VERIFY_NONE, nullptr);
+  }
+  if (verifyClient) {
+    std::string const certificate = certificatePath + "/client.crt";
+    std::string const key = certificatePath + "/client.key";
+    if (!gFileExists(certificate)) {
+      throw std::runtime_error("Client Certificate file does not exist: " + certificate);
+    }
+    if (!gFileExists(key)) throw std::runtime_error("Client Private Key file does not exist: " + key);
+    if (SSL_CTX_use_certificate_file(clientContext, certificate.c_str(), SSL_FILETYPE_PEM) <= 0) {
+      ERR_print_errors_fp(stderr);
+      throw std::runtime_error("Failed to load client certificate: " + certificate);
+    }
+    if (SSL_CTX_use_PrivateKey_file(clientContext, key.c_str(), SSL_FILETYPE_PEM) <= 0) {
+      ERR_print_errors_fp(stderr);
+      throw std::runtime_error("Failed to load client private key: " + key);
+    }
+    if (SSL_CTX_check_private_key(clientContext) == 0) {
+      throw std::runtime_error("Client private key does not match the certificate");
+    }
+  }
+  ssl = SSL_new(clientContext);
+  if (ssl == nullptr) throw std::runtime_error("Failed to create SSL object for the connection");
+  if (SSL_set_fd(ssl, handle.fHolder()->fDescriptor()) != 1) {
+    SSL_free(ssl);
+    ssl = nullptr;  // freed: a later clean-up must find nothing to free again
+    throw std::runtime_error("Failed to associate socket with SSL");
+  }
+  int const connected = SSL_connect(ssl);
+  if (connected <= 0) {
+    static_cast<void>(SSL_get_error(ssl, connected));
+    // Printing drains the error queue first, so the reason stands on stderr
+    // and the exception's text as a rule carries the empty error.
+    ERR_print_errors_fp(stderr);
+    char reason[256] = {};
+    ERR_error_string_n(ERR_get_error(), reason, sizeof reason);
+    SSL_free(ssl);
+    ssl = nullptr;
+    throw std::runtime_error(std::string("SSL connection failed: ") + reason);
+  }
+  if (verifyServer) {
+    X509* const certificate = SSL_get1_peer_certificate(ssl);
+    if (certificate == nullptr) throw std::runtime_error("No certificate provided by the server");
+    long const result = SSL_get_verify_result(ssl);
+    if (result == X509_V_OK) {
+      std::cout << "Server certificate verified successfully!\n";
+      X509_free(certificate);
+    } else {
+      std::string const text = gVerifyFailure("server", result);
+      X509_free(certificate);
+      SSL_free(ssl);
+      SSL_CTX_free(clientContext);
+      // Freed: a later clean-up must find nothing to free again.
+      ssl = nullptr;
+      clientContext = nullptr;
+      throw std::runtime_error(text);
+    }
+  }
 }
 
 void StreamSocket::ConnectLocal(unsigned short newPort, nSocket::cSocketOptions options) {
@@ -62,14 +194,71 @@ std::tuple<nSocket::cHandleOptional, ssl_st*, int> StreamSocket::Accept(
   nSocket::cHandleOptional const accepted = nSocket::gAccept(nSocket::gValidate(handle), options);
   ssl_st* acceptedSsl = nullptr;
   if (accepted.fIsValid() && sslEnable && accepted.fHolder()->fDescriptor() != 0) {
-    throw std::runtime_error("TLS is not available in this build");
+    InitializeSSL();
+    // Each accept makes its own context; the former one stays with the SSL
+    // objects made from it.
+    serverContext = SSL_CTX_new(TLS_server_method());
+    if (serverContext == nullptr) throw std::runtime_error("Unable to create SSL context");
+    std::string const certificate = certificatePath + "/server.crt";
+    std::string const key = certificatePath + "/server.key";
+    if (!gFileExists(certificate)) {
+      throw std::runtime_error("Server certificate file does not exist: " + certificate);
+    }
+    if (!gFileExists(key)) throw std::runtime_error("Server private key file does not exist: " + key);
+    ConfigureSSL(certificate, key);
+    if (verifyClient) {
+      std::string const authority = certificatePath + "/ca.crt";
+      if (!gFileExists(authority)) {
+        throw std::runtime_error("CA certificate file does not exist: " + authority);
+      }
+      if (SSL_CTX_load_verify_locations(serverContext, authority.c_str(), nullptr) == 0) {
+        ERR_print_errors_fp(stderr);
+        throw std::runtime_error("Failed to load CA certificate for client verification: " +
+                                 authority);
+      }
+      SSL_CTX_set_verify(serverContext, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+      SSL_CTX_set_verify_depth(serverContext, 1);
+    }
+    SSL* const object = SSL_new(serverContext);
+    if (object == nullptr) throw std::runtime_error("Failed to create SSL object");
+    if (SSL_set_fd(object, accepted.fHolder()->fDescriptor()) != 1) {
+      SSL_free(object);
+      throw std::runtime_error("Failed to associate socket with SSL");
+    }
+    if (SSL_accept(object) <= 0) {
+      SSL_free(object);
+      throw std::runtime_error("SSL accept failed");
+    }
+    if (verifyClient) {
+      X509* const peer = SSL_get1_peer_certificate(object);
+      if (peer == nullptr) {
+        SSL_free(object);
+        throw std::runtime_error("No client certificate provided");
+      }
+      long const result = SSL_get_verify_result(object);
+      if (result != X509_V_OK) {
+        std::string const text = gVerifyFailure("client", result);
+        X509_free(peer);
+        SSL_free(object);
+        throw std::runtime_error(text);
+      }
+      std::cout << "Client certificate verified successfully!" << std::endl;
+      X509_free(peer);
+    }
+    acceptedSsl = object;
   }
   return {accepted, acceptedSsl, port};
 }
 
 void StreamSocket::CloseSocket() {
   shutdownRequested.exchange(true);
-  CleanupSSL();
+  {
+    std::lock_guard<std::mutex> const lock(closing);
+    // An SSL object must not be shut down or freed while another thread is
+    // inside SSL_read or SSL_write on it; if one cannot be made to leave, the
+    // objects stay (the destructor frees them) rather than be freed under it.
+    if (WaitForTlsUsers()) CleanupSSL();
+  }
   c_Socket::CloseSocket();
 }
 
@@ -151,9 +340,7 @@ bool StreamSocket::ReadDataZ1(int count, char* buffer, bool insideMessage,
   if (!sslEnable) {
     return nSocket::gReceive(nSocket::gValidate(handle), count, buffer, insideMessage, latency);
   }
-  CORVANTH_LOG(nLog::nBasic::sErrorTag_, "streamsocket",
-               "TLS reading is not available in this build");
-  return false;
+  return ReadTls(count, buffer);
 }
 
 bool StreamSocket::WriteDataZ1(int count, const char* data) {
@@ -163,16 +350,134 @@ bool StreamSocket::WriteDataZ1(int count, const char* data) {
     return false;
   }
   if (!sslEnable) return nSocket::gSend(nSocket::gValidate(handle), count, data);
-  CORVANTH_LOG(nLog::nBasic::sErrorTag_, "streamsocket",
-               "TLS writing is not available in this build");
+  return WriteTls(count, data);
+}
+
+bool StreamSocket::EnterTls() {
+  // Counting in before reading the flag, against CloseSocket setting the flag
+  // before reading the count: one of the two always sees the other.
+  insideTls.fetch_add(1);
+  if (!shutdownRequested.load()) return true;
+  LeaveTls();
   return false;
 }
 
+bool StreamSocket::WaitForTlsUsers() {
+  if (insideTls.load() == 0) return true;
+  // Shutting the read side wakes a reader and still lets our close_notify go
+  // out; a writer stuck on a full send buffer needs both sides shut.
+  int const descriptor = handle.fHolder()->fDescriptor();
+  for (int const how : {SHUT_RD, SHUT_RDWR}) {
+    ::shutdown(descriptor, how);
+    auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (insideTls.load() != 0 && std::chrono::steady_clock::now() < end) {
+      std::this_thread::yield();
+    }
+    if (insideTls.load() == 0) return true;
+  }
+  return false;
+}
+
+// Failures of a read or a write, as SSL_get_error gives them; call names the
+// OpenSSL call in the texts.
+void StreamSocket::TlsFailed(char const* call, int error, int number) {
+  switch (error) {
+    case SSL_ERROR_ZERO_RETURN:
+      CloseSocket();
+      CORVANTH_LOG(nLog::nBasic::sTraceDebugInfoTag_, "streamsocket",
+                   "SSL connection closed by peer (clean shutdown).");
+      break;
+    case SSL_ERROR_SYSCALL:
+      CORVANTH_LOG(nLog::nBasic::sErrorTag_, "streamsocket",
+                   call << " failed with SSL_ERROR_SYSCALL, errno: " << number);
+      break;
+    case SSL_ERROR_SSL:
+      CORVANTH_LOG(nLog::nBasic::sErrorTag_, "streamsocket", call << " failed with SSL_ERROR_SSL");
+      break;
+    default:
+      CORVANTH_LOG(nLog::nBasic::sErrorTag_, "streamsocket",
+                   call << " failed with unexpected error code: " << error);
+  }
+}
+
+bool StreamSocket::ReadTls(int count, char* buffer) {
+  int done = 0;
+  for (;;) {
+    if (done >= count) return true;
+    if (!EnterTls()) return true;
+    // A locally connected socket has no SSL object; a failed call stands in
+    // for a call through null.
+    int const result = ssl != nullptr ? SSL_read(ssl, buffer + done, count - done) : -1;
+    if (result > 0) {
+      LeaveTls();
+      done += result;
+      continue;
+    }
+    if (shutdownRequested.load()) {
+      LeaveTls();
+      continue;
+    }
+    int const error = ssl != nullptr ? SSL_get_error(ssl, result) : SSL_ERROR_SSL;
+    int const number = errno;
+    LeaveTls();
+    if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) continue;
+    TlsFailed("SSL_read", error, number);
+    return false;
+  }
+}
+
+bool StreamSocket::WriteTls(int count, char const* data) {
+  int done = 0;
+  for (;;) {
+    if (done >= count) return true;
+    if (!EnterTls()) return true;
+    int result = -1;
+    int error = SSL_ERROR_SSL;
+    int number = 0;
+    if (ssl != nullptr) {  // as in the read loop: no SSL object is a failed call
+      cSigpipeHeld held;
+      result = held.fCheck(SSL_write(ssl, data + done, std::min(8192, count - done)));
+      if (result <= 0) error = SSL_get_error(ssl, result);
+      number = errno;
+    }
+    LeaveTls();
+    if (result > 0) {
+      done += result;
+      continue;
+    }
+    if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) continue;
+    TlsFailed("SSL_write", error, number);
+    return false;
+  }
+}
+
+void StreamSocket::InitializeSSL() {
+  if (!sslEnable) return;
+  OPENSSL_init_ssl(0, nullptr);
+  OPENSSL_init_crypto(OPENSSL_INIT_ADD_ALL_CIPHERS | OPENSSL_INIT_ADD_ALL_DIGESTS, nullptr);
+  OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
+}
+
+void StreamSocket::ConfigureSSL(std::string const& certificateFile, std::string const& keyFile) {
+  if (SSL_CTX_use_certificate_file(serverContext, certificateFile.c_str(), SSL_FILETYPE_PEM) <= 0) {
+    ERR_print_errors_fp(stderr);
+    throw std::runtime_error("Failed to load SSL certificate: " + certificateFile);
+  }
+  if (SSL_CTX_use_PrivateKey_file(serverContext, keyFile.c_str(), SSL_FILETYPE_PEM) <= 0) {
+    ERR_print_errors_fp(stderr);
+    throw std::runtime_error("Failed to load SSL private key: " + keyFile);
+  }
+  if (SSL_CTX_check_private_key(serverContext) <= 0) {
+    ERR_print_errors_fp(stderr);
+    throw std::runtime_error("Private key does not match the certificate");
+  }
+}
 void StreamSocket::CleanupSSL() {
   if (ssl != nullptr) {
-    int result = SSL_shutdown(ssl);
+    cSigpipeHeld held;  // our close_notify may go to a peer that is gone
+    int result = held.fCheck(SSL_shutdown(ssl));
     // 0: our close went out and the peer's has not come; one more call waits for it.
-    if (result == 0) result = SSL_shutdown(ssl);
+    if (result == 0) result = held.fCheck(SSL_shutdown(ssl));
     if (result < 0) {
       CORVANTH_LOG(nLog::nBasic::sTraceDebugInfoTag_, "streamsocket",
                    "SSL_shutdown failed with error: " << SSL_get_error(ssl, result));

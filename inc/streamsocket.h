@@ -23,11 +23,20 @@
 // makes every later read and write answer false without touching the socket.
 // A shut object does not come back, not even through a new Connect.
 //
-// TLS: the fields and the clean-up are here; the handshakes and the TLS read
-// and write loops are not built yet, so Connect and Accept refuse sslEnable.
+// TLS (sslEnable): Connect and Accept run the OpenSSL handshake on the
+// connection's descriptor, with the certificate files of certificatePath
+// ("/ca_bundle.crt", "/client.crt", "/client.key" for a client;
+// "/server.crt", "/server.key", "/ca.crt" for a server). A set-up failure
+// raises std::runtime_error with a fixed text and leaves the TCP connection
+// open. Reads and writes go through SSL_read and SSL_write; WANT_READ and
+// WANT_WRITE are retried at once, writes go out in pieces of at most 8192
+// bytes, and a clean close by the peer shuts the object. CloseSocket from
+// another thread wakes a thread inside SSL_read or SSL_write and waits for it
+// to leave before the SSL object is shut down and freed.
 #pragma once
 
 #include <atomic>
+#include <mutex>
 #include <string>
 #include <tuple>
 
@@ -86,8 +95,13 @@ class CORVANTH_EXPORT StreamSocket : public c_Socket {
   void verifyServerCertificate(bool verify) { verifyServer = verify; }
   void setServerCertificatePath(std::string& path) { certificatePath = path; }
 
+  // The OpenSSL initialisation calls, when sslEnable is set; repeatable.
+  void InitializeSSL();
+  // Loads a PEM certificate and its private key into serverContext.
+  void ConfigureSSL(const std::string& certificateFile, const std::string& keyFile);
   // Ends the TLS connection and frees the TLS objects; repeatable, and silent
-  // when there is nothing to free.
+  // when there is nothing to free. Not to be called while another thread reads
+  // or writes: CloseSocket is the call for that.
   void CleanupSSL();
 
  private:
@@ -97,6 +111,15 @@ class CORVANTH_EXPORT StreamSocket : public c_Socket {
   bool ReadDataZ1(int count, char* buffer, bool insideMessage,
                   nCommunication::nSocket::iLatencyConfiguration* latency);
   bool WriteDataZ1(int count, const char* data);
+  bool ReadTls(int count, char* buffer);
+  bool WriteTls(int count, const char* data);
+  // A reader or writer counts itself in before it looks at ssl, and out when
+  // it is done with it; false, and not counted, once shutdown is requested.
+  bool EnterTls();
+  void LeaveTls() { insideTls.fetch_sub(1); }
+  // Wakes the threads counted in and waits for them to leave, within a bound.
+  bool WaitForTlsUsers();
+  void TlsFailed(const char* call, int error, int number);
 
   PortType portType = UnsetPort;
   std::atomic<bool> shutdownRequested{false};
@@ -108,4 +131,8 @@ class CORVANTH_EXPORT StreamSocket : public c_Socket {
   bool verifyClient;
   std::string certificatePath;
   int port = 0;
+  std::atomic<int> insideTls{0};
+  // Orders two CloseSocket calls (a peer's clean close seen by the reader and
+  // a close from another thread), so the TLS objects are freed once.
+  std::mutex closing;
 };
