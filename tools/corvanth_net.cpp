@@ -45,15 +45,21 @@ namespace {
 
 char const* const kServeUsage =
     "  serve [--host <address>] [--port <port>] [--name <client>] [--count <n>]\n"
+    "        [--tls <dir> [--verify-client]]\n"
     "               listen (default 127.0.0.1, a free port; the first line says which),\n"
     "               print each message's envelope and parameters and answer it with the\n"
-    "               same parameters; stop after <n> messages, or on SIGINT or SIGTERM\n";
+    "               same parameters; stop after <n> messages, or on SIGINT or SIGTERM;\n"
+    "               --tls: TLS with <dir>/server.crt and server.key, and with\n"
+    "               --verify-client a client certificate signed by <dir>/ca.crt\n";
 char const* const kSendUsage =
     "  send --port <port> [--host <address>] [--to <client@host>] [--from <client@host>]\n"
     "       [--type <n>] [--subtype <n>] [--qtype <n>] [--id <n>] [--timeout <seconds>]\n"
-    "       <key>=<value>...\n"
+    "       [--tls <dir> [--verify-server] [--verify-client]] <key>=<value>...\n"
     "               send one message with these parameters and print the answer; values\n"
-    "               take the escapes \\\\ \\0 \\n \\r \\t \\xNN, and {k=v,...} is a nested array\n";
+    "               take the escapes \\\\ \\0 \\n \\r \\t \\xNN, and {k=v,...} is a nested array;\n"
+    "               --tls: TLS, checking the server against <dir>/ca_bundle.crt with\n"
+    "               --verify-server, showing <dir>/client.crt and client.key with\n"
+    "               --verify-client\n";
 char const* const kLocalThrUsage =
     "  local_thr [--host <address>] [--port <port>] <size> <count>\n"
     "               take <count> frames of <size> bytes from one connection and print the\n"
@@ -77,13 +83,18 @@ struct cUsageError {
   std::string mText;
 };
 
-// --name value options, then positional arguments.
+// --name value options, --name flags, then positional arguments.
 class cArguments {
  public:
-  cArguments(int argc, char** argv, std::vector<std::string_view> const& options) {
+  cArguments(int argc, char** argv, std::vector<std::string_view> const& options,
+             std::vector<std::string_view> const& flags = {}) {
     for (int at = 2; at < argc; ++at) {
       std::string_view const word = argv[at];
       if (word.size() > 2 && word.substr(0, 2) == "--") {
+        if (std::find(flags.begin(), flags.end(), word) != flags.end()) {
+          mOptions[std::string(word)] = "";
+          continue;
+        }
         if (std::find(options.begin(), options.end(), word) == options.end()) {
           throw cUsageError{"unknown option " + std::string(word)};
         }
@@ -375,11 +386,35 @@ int gRun(char const* name, char const* usage, Verb&& verb) {
   }
 }
 
+// --tls <dir> and its verification flags; off without --tls.
+struct cTls {
+  bool mOn = false;
+  bool mVerifyServer = false;
+  bool mVerifyClient = false;
+  std::string mDirectory;
+
+  static cTls gFrom(cArguments const& arguments) {
+    cTls tls;
+    tls.mOn = arguments.fHas("--tls");
+    tls.mVerifyServer = arguments.fHas("--verify-server");
+    tls.mVerifyClient = arguments.fHas("--verify-client");
+    if (!tls.mOn && (tls.mVerifyServer || tls.mVerifyClient)) {
+      throw cUsageError{"--verify-server and --verify-client need --tls <dir>"};
+    }
+    tls.mDirectory = arguments.fText("--tls", "");
+    if (tls.mOn && tls.mDirectory.empty()) throw cUsageError{"--tls needs a directory"};
+    return tls;
+  }
+};
+
 std::pair<StreamSocket*, unsigned short> gListen(std::string const& host, unsigned short port,
-                                                 std::unique_ptr<StreamSocket>& holder) {
+                                                 std::unique_ptr<StreamSocket>& holder,
+                                                 cTls const& tls = cTls()) {
   nSock::cHandleValid const handle = nSock::gCreateListenerOn(host, port);
   unsigned short const bound = nSock::gLocalPort(handle);
-  holder = std::make_unique<StreamSocket>(handle, false, nullptr, false, false, "");
+  // The listener's flags and directory are what its Accept's handshake uses.
+  holder = std::make_unique<StreamSocket>(handle, tls.mOn, nullptr, false, tls.mVerifyClient,
+                                          tls.mDirectory);
   holder->setPort(bound, StreamSocket::ListeningPort);
   std::printf("listening on %s:%u\n", host.c_str(), static_cast<unsigned>(bound));
   std::fflush(stdout);
@@ -390,7 +425,8 @@ std::pair<StreamSocket*, unsigned short> gListen(std::string const& host, unsign
 
 int gServe(int argc, char** argv) {
   return gRun("serve", kServeUsage, [&] {
-    cArguments const arguments(argc, argv, {"--host", "--port", "--name", "--count"});
+    cArguments const arguments(argc, argv, {"--host", "--port", "--name", "--count", "--tls"},
+                               {"--verify-client"});
     if (!arguments.fPositional().empty()) {
       throw cUsageError{"serve takes no parameters, not '" + arguments.fPositional()[0] + "'"};
     }
@@ -398,19 +434,22 @@ int gServe(int argc, char** argv) {
     auto const port = static_cast<unsigned short>(arguments.fNumber("--port", 0, 0, 65535));
     long long const count = arguments.fNumber("--count", 0, 0, 1LL << 62);
     std::string const name = arguments.fText("--name", "corvanth-serve");
+    cTls const tls = cTls::gFrom(arguments);
 
     cStopper stopper;
     std::unique_ptr<StreamSocket> listener;
-    gListen(host, port, listener);
+    gListen(host, port, listener, tls);
     std::printf("serving as %s%s\n", name.c_str(),
                 count > 0 ? (", for " + std::to_string(count) + " message(s)").c_str() : "");
     std::fflush(stdout);
     stopper.fWatch(listener.get(), nullptr);
     long long answered = 0;
     while (!stopper.fStopped() && (count == 0 || answered < count)) {
+      // A failed handshake raises here and ends the serve with its text.
       auto [accepted, ssl, ignored] = listener->Accept(nSock::cSocketOptions());
       if (!accepted.fIsValid()) break;
-      StreamSocket connection(nSock::gValidate(accepted), false, ssl, false, false, "");
+      StreamSocket connection(nSock::gValidate(accepted), tls.mOn, ssl, false, tls.mVerifyClient,
+                              tls.mDirectory);
       stopper.fWatch(listener.get(), &connection);
       std::printf("connection accepted\n");
       while (count == 0 || answered < count) {
@@ -459,7 +498,8 @@ int gSend(int argc, char** argv) {
   return gRun("send", kSendUsage, [&] {
     cArguments const arguments(argc, argv,
                                {"--host", "--port", "--to", "--from", "--type", "--subtype",
-                                "--qtype", "--id", "--timeout"});
+                                "--qtype", "--id", "--timeout", "--tls"},
+                               {"--verify-server", "--verify-client"});
     if (!arguments.fHas("--port")) throw cUsageError{"send needs --port"};
     std::string const host = arguments.fText("--host", "127.0.0.1");
     auto const port = static_cast<unsigned short>(arguments.fNumber("--port", 0, 1, 65535));
@@ -472,6 +512,7 @@ int gSend(int argc, char** argv) {
         static_cast<std::int32_t>(arguments.fNumber("--qtype", 0, -2147483647LL - 1, 2147483647LL));
     auto const id = static_cast<unsigned int>(arguments.fNumber("--id", 1, 0, 4294967295LL));
     long long const timeout = arguments.fNumber("--timeout", 10, 1, 86400);
+    cTls const tls = cTls::gFrom(arguments);
     if (arguments.fPositional().empty()) throw cUsageError{"send needs at least one <key>=<value>"};
 
     CAssociativeArray parameters;
@@ -484,8 +525,8 @@ int gSend(int argc, char** argv) {
     nSock::cSocketOptions options;
     options.fSetConnectTimeout(nTime::cDiff::gSeconds(timeout));
     options.fSetReceiveTimeout(nTime::cDiff::gSeconds(timeout));
-    StreamSocket socket;
-    socket.Connect(host, port, options);
+    StreamSocket socket(tls.mOn, nullptr, tls.mVerifyServer, tls.mVerifyClient, tls.mDirectory);
+    socket.Connect(host, port, options);  // a failed handshake raises its text here
     gPrintEnvelope("sending", message);
     gPrintParameters(parameters);
     std::fflush(stdout);
