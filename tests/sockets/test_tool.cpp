@@ -6,11 +6,13 @@
 #include <algorithm>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "AssociativeArray.h"
 #include "ChildProcess.h"
 #include "SocketKit.h"
+#include "TlsKit.h"
 #include "netmsg.h"
 
 namespace {
@@ -119,6 +121,32 @@ TEST(CorvanthTool, RefusedConnectionAndBadUsageHaveTheirExitCodes) {
     auto const [status, text] = cChildProcess(arguments).fFinish(kBound);
     EXPECT_EQ(status, one.status) << one.arguments.back() << ": " << text;
     EXPECT_NE(text.find(one.says), std::string::npos) << text;
+  }
+}
+
+// Each side checks the other's certificate; a server under another CA fails
+// the client's handshake, and both ends print the exception's text.
+TEST(CorvanthTool, TlsServeAndSendCheckEachOtherAndAFailedHandshakeExitsOne) {
+  for (std::string const& clientDirectory : {gCertificates(), gCertificates() + "/rogue"}) {
+    bool const ok = clientDirectory == gCertificates();
+    cChildProcess server(
+        {CORVANTH_TOOL, "serve", "--count", "1", "--tls", gCertificates(), "--verify-client"});
+    std::string const line = server.fReadLine(kBound);
+    auto const [sendStatus, sent] =
+        cChildProcess({CORVANTH_TOOL, "send", "--port", line.substr(line.rfind(':') + 1), "--tls",
+                       clientDirectory, "--verify-server", "--verify-client", "a=b"})
+            .fFinish(kBound);
+    auto const [serveStatus, served] = server.fFinish(kBound);
+    EXPECT_EQ(std::make_pair(sendStatus, serveStatus), std::make_pair(int(!ok), int(!ok)))
+        << sent << served;
+    EXPECT_NE(sent.find(ok ? "Server certificate verified successfully!\nsending"
+                           : "corvanth send: SSL connection failed: "),
+              std::string::npos)
+        << sent;
+    EXPECT_NE(served.find(ok ? "Client certificate verified successfully!\nconnection accepted"
+                             : "corvanth serve: SSL accept failed"),
+              std::string::npos)
+        << served;
   }
 }
 
