@@ -84,10 +84,16 @@ std::unique_ptr<StreamSocket> gTlsListener(unsigned short& port) {
   return std::make_unique<StreamSocket>(listener, true, nullptr, false, false, gDirectory);
 }
 
+// The protocol and cipher a connection agreed on, for the benchmark's label.
+std::string gAgreed(SSL const* ssl) {
+  return ssl == nullptr ? "" : std::string(SSL_get_version(ssl)) + " " + SSL_get_cipher_name(ssl);
+}
+
 // Accepts one connection and wraps it; an exception stays for the caller.
-std::unique_ptr<StreamSocket> gTlsAccept(StreamSocket& listener) {
+std::unique_ptr<StreamSocket> gTlsAccept(StreamSocket& listener, std::string* agreed = nullptr) {
   auto [accepted, ssl, ignored] = listener.Accept(nSock::cSocketOptions());
   if (!accepted.fIsValid()) throw std::runtime_error("the listener closed");
+  if (agreed != nullptr) *agreed = gAgreed(ssl);
   return std::make_unique<StreamSocket>(nSock::gValidate(accepted), true, ssl, false, false,
                                         gDirectory);
 }
@@ -96,6 +102,7 @@ struct cStreamPair {
   std::unique_ptr<StreamSocket> mListener;
   StreamSocket mClient{true, nullptr, false, false, gDirectory};
   std::unique_ptr<StreamSocket> mServer;
+  std::string mAgreed;
 
   cStreamPair() {
     unsigned short port = 0;
@@ -103,7 +110,7 @@ struct cStreamPair {
     std::exception_ptr failure;
     std::thread accepter([&] {
       try {
-        mServer = gTlsAccept(*mListener);
+        mServer = gTlsAccept(*mListener, &mAgreed);
       } catch (...) {
         failure = std::current_exception();
       }
@@ -133,6 +140,7 @@ void BM_StreamSocketTls_Throughput(benchmark::State& state) {
   int const batch = gBatch(size);
   std::vector<char> const payload(size, 'x');
   cStreamPair pair;
+  state.SetLabel(pair.mAgreed);
   cBatchCounter counter;
   std::thread receiver([&] {
     int taken = 0;
@@ -366,6 +374,7 @@ void BM_BareOpenSsl_Throughput(benchmark::State& state) {
   int const batch = gBatch(size);
   std::vector<char> const payload(size, 'x');
   cBarePair pair;
+  state.SetLabel(gAgreed(pair.mServer));
   cBatchCounter counter;
   std::thread receiver([&] {
     std::vector<char> buffer;
