@@ -21,8 +21,7 @@ inline std::string gZ(std::string text) {
 inline const std::string kExample = gZ("8 6 6 6 8 2 5 2 4 host2|agent|host1|console|3|hello7|352|");
 
 inline cCorvanthMessage gExampleMessage(unsigned int id = 7) {
-  return cCorvanthMessage(id, "host2", "agent", "host1", "console", static_cast<QType>(3), 5, 2,
-                          "hello", 5);
+  return cCorvanthMessage(id, "host2", "agent", "host1", "console", QType{3}, 5, 2, "hello", 5);
 }
 
 inline std::string gBlock(const cCorvanthMessage& message) {
@@ -30,21 +29,18 @@ inline std::string gBlock(const cCorvanthMessage& message) {
 }
 
 // Every getter of a message on one line, so that whole messages compare at once.
-inline std::string gFields(const cCorvanthMessage& message) {
+inline std::string gFields(const cCorvanthMessage& m) {
   std::ostringstream out;
-  out << message.getToClient() << '@' << message.getToHost() << " from " << message.getFromClient()
-      << '@' << message.getFromHost() << " q" << message.getQtype() << " t" << message.getType()
-      << '/' << message.getSubtype() << " id" << message.getMessageId() << " data "
-      << (message.getData() != nullptr ? std::string(message.getData(), message.getDatalen())
-                                       : std::string("(null)"));
+  out << m.getToClient() << '@' << m.getToHost() << " from " << m.getFromClient() << '@'
+      << m.getFromHost() << " q" << m.getQtype() << " t" << m.getType() << '/' << m.getSubtype()
+      << " id" << m.getMessageId() << " data "
+      << (m.getData() ? std::string(m.getData(), m.getDatalen()) : std::string("(null)"));
   return out.str();
 }
 
 // A buffer of array new, as a received object owns it.
 inline char* gCopy(const std::string& bytes) {
-  char* buffer = new char[bytes.size()];
-  std::memcpy(buffer, bytes.data(), bytes.size());
-  return buffer;
+  return static_cast<char*>(std::memcpy(new char[bytes.size()], bytes.data(), bytes.size()));
 }
 
 }  // namespace corvanth::test

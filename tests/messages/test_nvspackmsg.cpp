@@ -22,7 +22,8 @@ class cWatchedObject : public cTypedMessageObject {
   bool& mDeleted;
 };
 
-TEST(TypedObjects, MessageTakesTheObjectsBufferOver) {
+TEST(TypedObjects, MessageTakesTheObjectsBufferOverAndKeepsHostileBuffersInside) {
+  cLogCapture capture;
   bool deleted = false;
   char* buffer = gCopy(kExample);
   cCorvanthMessage* message = NVSTmo2Cvm(new cWatchedObject(buffer, 57, deleted));
@@ -34,6 +35,23 @@ TEST(TypedObjects, MessageTakesTheObjectsBufferOver) {
   NVSDeleteMsg(message);
   NVSDeleteMsg(nullptr);
   EXPECT_EQ(NVSTmo2Cvm(nullptr), nullptr);
+
+  const std::string noData = gZ("6 2 2 3 3 2 0 h|c|fh|fc|1|");
+  cCorvanthMessage empty(new cTypedMessageObject(0, 0, gCopy(noData), 26));
+  EXPECT_EQ(capture.fAt("NETMSG", 63).size(), 1u);
+  EXPECT_STREQ(empty.getFromHost(), "fh");
+
+  // The to-host field lacks its NUL and the buffer holds no zero to spare, so
+  // the message reads it from a copy with a zero behind it.
+  const std::string noNul("2 5 3 host2abc", 14);
+  cCorvanthMessage hostile(new cTypedMessageObject(0, 0, gCopy(noNul), 14));
+  EXPECT_EQ(gBlock(hostile), noNul);
+  EXPECT_EQ(hostile.getToHost(), hostile.getPackedBuf() + 14);
+  EXPECT_EQ(gFields(hostile), "@ from @ q0 t0/0 id4294967295 data (null)");
+
+  cCorvanthMessage nothing(new cTypedMessageObject(0, 0, nullptr, 40));
+  EXPECT_EQ(nothing.getPackedBufLen(), 0u);
+  EXPECT_EQ(gFields(nothing), "@ from @ q0 t0/0 id4294967295 data (null)");
 }
 
 // A message whose end raises, as a derived message of a caller may.
@@ -56,26 +74,6 @@ TEST(TypedObjects, DeletingAMessageNeverEndsTheCaller) {
   EXPECT_EQ(capture.fAt("Nvspackmsg", 28)[0].text, "message end failed");
   ASSERT_EQ(capture.fAt("Nvspackmsg", 32).size(), 1u);
   EXPECT_EQ(capture.fAt("Nvspackmsg", 32)[0].text, "");
-}
-
-TEST(TypedObjects, EmptyDataIsLoggedAndHostileBuffersAreKeptInside) {
-  cLogCapture capture;
-  const std::string noData = gZ("6 2 2 3 3 2 0 h|c|fh|fc|1|");
-  cCorvanthMessage empty(new cTypedMessageObject(0, 0, gCopy(noData), 26));
-  EXPECT_EQ(capture.fAt("NETMSG", 63).size(), 1u);
-  EXPECT_STREQ(empty.getFromHost(), "fh");
-
-  // The to-host field lacks its NUL and the buffer holds no zero to spare, so
-  // the message reads it from a copy with a zero behind it.
-  const std::string noNul("2 5 3 host2abc", 14);
-  cCorvanthMessage hostile(new cTypedMessageObject(0, 0, gCopy(noNul), 14));
-  EXPECT_EQ(gBlock(hostile), noNul);
-  EXPECT_EQ(hostile.getToHost(), hostile.getPackedBuf() + 14);
-  EXPECT_EQ(gFields(hostile), "@ from @ q0 t0/0 id4294967295 data (null)");
-
-  cCorvanthMessage nothing(new cTypedMessageObject(0, 0, nullptr, 40));
-  EXPECT_EQ(nothing.getPackedBufLen(), 0u);
-  EXPECT_EQ(gFields(nothing), "@ from @ q0 t0/0 id4294967295 data (null)");
 }
 
 }  // namespace

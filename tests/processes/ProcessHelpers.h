@@ -40,28 +40,31 @@ inline bool gWithin(int milliseconds, std::function<bool()> const& done) {
   return true;
 }
 
+// A child that waits for a signal, and dies with its parent; `exitAtOnce` makes it _exit(0).
+inline pid_t gFork(bool exitAtOnce = false) {
+  pid_t const pid = ::fork();
+  if (pid == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (exitAtOnce) ::_exit(0);
+    for (;;) ::pause();
+  }
+  return pid;
+}
+
 // Children started by a test; what nobody reaped yet is killed at the end.
 class cChildren {
  public:
   ~cChildren() {
     for (cChild const& child : mChildren) {
       // Only a child that nobody reaped yet is still ours to kill: its pid cannot have been reused.
-      if (::waitpid(child.pid, nullptr, WNOHANG) == 0) {
-        ::kill(child.pid, SIGKILL);
+      if (::waitpid(child.pid, nullptr, WNOHANG) == 0 && ::kill(child.pid, SIGKILL) == 0)
         ::waitpid(child.pid, nullptr, 0);
-      }
       ::close(child.pidfd);
       MXPCloseProcess(child.handle);
     }
   }
-  // A child that waits for a signal; `exitAtOnce` makes it _exit(0) instead.
   cChild fStart(bool exitAtOnce = false) {
-    pid_t const pid = ::fork();
-    if (pid == 0) {
-      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-      if (exitAtOnce) ::_exit(0);
-      for (;;) ::pause();
-    }
+    pid_t const pid = gFork(exitAtOnce);
     return mChildren.emplace_back(cChild{pid, ::pidfd_open(pid, 0), MXPOpenProcess(pid)});
   }
 

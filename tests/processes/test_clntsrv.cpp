@@ -1,7 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <array>
+#include <bit>
 #include <cstdint>
-#include <cstring>
 
 #include "LogCapture.h"
 #include "clntsrv.h"
@@ -48,8 +49,7 @@ class cServer : public ServerObj {
 TEST(ClientObj, OpcodesFromOneDispatchTheSameEventAndThe256thSignOnLandsOnTheCounters) {
   corvanth::test::cLogCapture capture;
   cClient client, other;
-  EXPECT_EQ(client.signOn(kHandle), 1);
-  EXPECT_EQ(client.signOn(kHandle), 2);
+  for (int opcode = 1; opcode <= 255; ++opcode) ASSERT_EQ(client.signOn(kHandle), opcode);
   BaseEvent done(client, 2), fresh(other, 1);
   client.result = 0;  // a 0 means nothing outside ServerObj::dispatchEvent
   EXPECT_EQ(client.dispatch(done), 0);
@@ -62,10 +62,7 @@ TEST(ClientObj, OpcodesFromOneDispatchTheSameEventAndThe256thSignOnLandsOnTheCou
   EXPECT_EQ(other.signOn(nullptr), 1);  // reported, and stored all the same
   EXPECT_EQ(capture.fRecords().size(), 1u);
 
-  for (int opcode = 3; opcode <= 255; ++opcode) ASSERT_EQ(client.signOn(kHandle), opcode);
-  std::uintptr_t parts[2];
-  static_assert(sizeof parts == sizeof kHandle);
-  std::memcpy(parts, &kHandle, sizeof parts);
+  auto const parts = std::bit_cast<std::array<std::uintptr_t, 2>>(kHandle);
   int const functionPart = static_cast<int>(static_cast<std::uint32_t>(parts[0]));
   EXPECT_EQ(client.signOn(kHandle), functionPart);
   EXPECT_EQ(client.signOnCount, functionPart);
@@ -73,12 +70,10 @@ TEST(ClientObj, OpcodesFromOneDispatchTheSameEventAndThe256thSignOnLandsOnTheCou
   EXPECT_EQ(client.signOn(kHandle), -1);
 }
 
-TEST(ServerObj, PlainEventsAllStayAndAnEqualEventDisplacesTheStoredOneWithoutDestroyingIt) {
+TEST(ServerObj, EventsStayOrAreDisplacedAndAHandlersZeroDropsItsClientAndItsEvents) {
   gEventsGone = 0;
   cClient x, y;
-  auto* plain = new cEvent(x, 1, -1);
-  auto* old = new cEvent(x, 1, 5);
-  auto* current = new cEvent(y, 2, 5);
+  auto *plain = new cEvent(x, 1, -1), *old = new cEvent(x, 1, 5), *current = new cEvent(y, 2, 5);
   {
     cServer server;
     EXPECT_EQ(x.pleaseRegister(server, *plain), 1);
@@ -99,13 +94,11 @@ TEST(ServerObj, PlainEventsAllStayAndAnEqualEventDisplacesTheStoredOneWithoutDes
   }
   EXPECT_EQ(gEventsGone, 3);  // the server's end takes what it holds, not the displaced one
   delete old;
-}
 
-TEST(ServerObj, AHandlersZeroDropsAllEventsOfItsClientAndDeletesTheClient) {
+  // A handler's zero drops all events of its client and deletes the client.
   gClientsGone = gEventsGone = 0;
   cServer server(0);
-  auto* finishing = new cClient;
-  auto* staying = new cClient;
+  auto *finishing = new cClient, *staying = new cClient;
   finishing->result = 0;
   int const done = finishing->signOn(kHandle), keep = staying->signOn(kHandle);
   for (int key = 1; key <= 6; ++key)

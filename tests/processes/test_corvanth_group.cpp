@@ -3,7 +3,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <string>
 
 #include "ProcessHelpers.h"
@@ -19,10 +18,10 @@ struct cRun {
   tLines lines, started, kills;  // all; "kill <pid>: " of each started, newest first; outcomes
 };
 
-// Runs the tool with `arguments` as a shell gives them, and `atWaiting` with
-// its pid once the "waiting" line came. A kill line out of the order newest
-// first is kept whole.
-cRun gRunTool(std::string const& arguments, std::function<void(pid_t)> const& atWaiting = {}) {
+// Runs the tool with `arguments` as a shell gives them, showing `atLine` each
+// line and the tool's pid. A kill line out of the order newest first is kept whole.
+cRun gRunTool(std::string const& arguments,
+              std::function<void(pid_t, std::string const&)> const& atLine = {}) {
   cRun run;
   FILE* const out = ::popen(("echo $$; exec " CORVANTH_TOOL " " + arguments).c_str(), "r");
   pid_t tool = 0;  // the shell's pid, which exec hands on to the tool
@@ -37,32 +36,27 @@ cRun gRunTool(std::string const& arguments, std::function<void(pid_t)> const& at
       run.kills.push_back(line.substr(run.started[next].size()));
     else if (line.rfind("kill ", 0) == 0)
       run.kills.push_back(line);
-    if (atWaiting && line.rfind("waiting ", 0) == 0) atWaiting(tool);
+    if (atLine) atLine(tool, line);
   }
   int const status = ::pclose(out);
   run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return run;
 }
 
-TEST(CorvanthGroup, ASignalOrATimeOutKillsEachCommandWithWhatItStartedNewestFirst) {
-  // Two shells each start a sleep of their own, off the tool's output, and tell its pid.
-  std::string files[2], commands;
-  for (std::string& file : files) {  // named after our pid: others' runs may leave theirs
-    file = ::testing::TempDir() + "grandchild-" + std::to_string(::getpid() * 2 + (&file - files));
-    std::remove(file.c_str());
-    commands += "sh -c 'exec >/dev/null; sleep 97 & echo $! >" + file + "; wait' ';' ";
-  }
+TEST(CorvanthGroup, ASignalOrATimeOutKillsEachCommandWithWhatItStartedAndEndedOnesFail) {
+  // Two shells each start a sleep of their own and tell its pid; the tool is stopped once
+  // both did and it waits.
+  std::string const command = "sh -c 'sleep 97 >/dev/null & echo child $!; wait' ';' ";
   std::vector<int> grandchildren;
-  auto const watchAndStop = [&](pid_t tool) {
-    for (std::string const& file : files) {
-      int pid = 0;
-      EXPECT_TRUE(gWithin(5000, [&] { return (std::ifstream(file) >> pid) && pid > 0; })) << file;
-      grandchildren.push_back(::pidfd_open(pid, 0));
-    }
-    ::kill(tool, SIGTERM);
+  bool waiting = false, stopped = false;
+  auto const stop = [&](pid_t tool, std::string const& line) {
+    if (line.rfind("child ", 0) == 0)
+      grandchildren.push_back(::pidfd_open(std::stoi(line.substr(6)), 0));
+    waiting = waiting || line.rfind("waiting ", 0) == 0;
+    if (waiting && grandchildren.size() == 2 && !stopped) stopped = ::kill(tool, SIGTERM) == 0;
   };
   cRun const signalled =
-      gRunTool("group --name three 1000 -- " + commands + "sleep 1002", watchAndStop);
+      gRunTool("group --name three 1000 -- " + command + command + "sleep 1002", stop);
   EXPECT_EQ(signalled.exitCode, 0);
   EXPECT_EQ(signalled.kills, tLines(3, "killed"));
   EXPECT_THAT(signalled.lines, Contains("stopping group three: SIGTERM"));
@@ -71,15 +65,13 @@ TEST(CorvanthGroup, ASignalOrATimeOutKillsEachCommandWithWhatItStartedNewestFirs
     EXPECT_TRUE(grandchild >= 0 && gEnded(grandchild, 5000)) << "a command's own child lives on";
     ::close(grandchild);
   }
-  for (std::string const& file : files) std::remove(file.c_str());
 
   cRun const timedOut = gRunTool("group 0.05 -- sleep 1000 ';' sleep 1000");
   EXPECT_EQ(timedOut.exitCode, 0);
   EXPECT_EQ(timedOut.kills, tLines(2, "killed"));
   EXPECT_THAT(timedOut.lines, Contains("stopping group corvanth-group: time-out"));
-}
 
-TEST(CorvanthGroup, CommandsThatEndedByThemselvesOrNeverStartedFailTheGroup) {
+  // Commands that ended by themselves or never started fail the group.
   cRun const ended = gRunTool("group 1000 -- true ';' true");
   EXPECT_EQ(ended.exitCode, 1);
   EXPECT_THAT(ended.lines, Contains("stopping group corvanth-group: all commands ended"));

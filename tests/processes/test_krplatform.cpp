@@ -21,7 +21,23 @@ int gInChild(std::function<int()> const& body) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-TEST(KillProcess, AHandleStaysBoundToItsProcessHoweverItEnded) {
+// Inside a pid namespace of its own, where ns_last_pid hands the pid out again.
+int gKillAfterThePidWasReused() {
+  if (::unshare(CLONE_NEWPID) != 0) return 100;
+  return gInChild([] {
+    pid_t const first = gFork();
+    void* const handle = MXPOpenProcess(first);
+    ::kill(first, SIGKILL);
+    ::waitpid(first, nullptr, 0);
+    if (!(std::ofstream("/proc/sys/kernel/ns_last_pid") << first - 1 << std::flush)) return 100;
+    pid_t const second = gFork();
+    if (second != first) return 100;
+    int const result = gMXPKillProcess(handle);
+    return result * 2 + (::waitpid(second, nullptr, WNOHANG) == 0 ? 1 : 0);
+  });
+}
+
+TEST(KillProcess, AHandleStaysBoundToItsProcessHoweverItEndedAndNeverReachesALaterOne) {
   cChildren children;
   cChild const live = children.fStart();
   EXPECT_EQ(gMXPKillProcess(live.handle), eMXPKillProcessKilled);
@@ -41,42 +57,10 @@ TEST(KillProcess, AHandleStaysBoundToItsProcessHoweverItEnded) {
     EXPECT_EQ(gMXPKillProcess(reinterpret_cast<void*>(value)), eMXPKillProcessCannotFind) << value;
   for (int pid : {0, -1, reaped.pid}) EXPECT_EQ(MXPOpenProcess(pid), nullptr) << pid;
 
-  cChild const victim = children.fStart();
-  if (::geteuid() != 0) GTEST_SKIP() << "needs root to run a caller of another user";
-  EXPECT_EQ(gInChild([&] {
-              if (::setgid(65534) != 0 || ::setuid(65534) != 0) return 100;
-              return static_cast<int>(gMXPKillProcess(victim.handle));
-            }),
-            eMXPKillProcessCannotKill);
-}
-
-// Inside a pid namespace of its own, where ns_last_pid hands the pid out again.
-int gKillAfterThePidWasReused() {
-  if (::unshare(CLONE_NEWPID) != 0) return 100;
-  return gInChild([] {
-    pid_t const first = ::fork();
-    if (first == 0)
-      for (;;) ::pause();
-    void* const handle = MXPOpenProcess(first);
-    ::kill(first, SIGKILL);
-    ::waitpid(first, nullptr, 0);
-    if (!(std::ofstream("/proc/sys/kernel/ns_last_pid") << first - 1 << std::flush)) return 100;
-    pid_t const second = ::fork();
-    if (second == 0)
-      for (;;) ::pause();
-    if (second != first) return 100;
-    int const result = gMXPKillProcess(handle);
-    return result * 2 + (::waitpid(second, nullptr, WNOHANG) == 0 ? 1 : 0);
-  });
-}
-
-TEST(KillProcess, NeverReachesALaterProcessThatReusesThePidOrAHostThatIgnoresSigchld) {
   // A host that ignores SIGCHLD: the kernel reaps a child that ended without our kill.
   EXPECT_EQ(gInChild([] {
               ::signal(SIGCHLD, SIG_IGN);
-              pid_t const pid = ::fork();
-              if (pid == 0)
-                for (;;) ::pause();
+              pid_t const pid = gFork();
               void* const handle = MXPOpenProcess(pid);
               ::kill(pid, SIGTERM);
               if (!gWithin(5000, [pid] { return ::kill(pid, 0) != 0 && errno == ESRCH; }))
@@ -85,8 +69,15 @@ TEST(KillProcess, NeverReachesALaterProcessThatReusesThePidOrAHostThatIgnoresSig
             }),
             eMXPKillProcessAlreadyTerminated);
 
+  cChild const victim = children.fStart();
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to run a caller of another user";
+  EXPECT_EQ(gInChild([&] {
+              if (::setgid(65534) != 0 || ::setuid(65534) != 0) return 100;
+              return static_cast<int>(gMXPKillProcess(victim.handle));
+            }),
+            eMXPKillProcessCannotKill);
   int const reused = gInChild(gKillAfterThePidWasReused);
-  if (reused == 100) GTEST_SKIP() << "cannot hand a pid out again here (needs root)";
+  if (reused == 100) GTEST_SKIP() << "cannot hand a pid out again here";
   EXPECT_EQ(reused, eMXPKillProcessAlreadyTerminated * 2 + 1) << "result * 2 + later one alive";
 }
 
@@ -117,12 +108,10 @@ TEST(ExecApplication, RunsToTheEndAndSplitsArgumentsAsAShellSplitsWords) {
     EXPECT_EQ(MXPExecApplication("/bin/sh", failing), 0) << failing;
   EXPECT_EQ(MXPExecApplication("/nonexistent/program", ""), 0);
   // The script succeeds only if it gets exactly these five words.
-  EXPECT_NE(
-      MXPExecApplication("/bin/sh",
-                         "-c '[ $# -eq 5 ] && [ \"$1\" = \"a b\" ] && [ -z \"$2\" ] && "
-                         "[ \"$3\" = \"c\\\"d\" ] && [ \"$4\" = \"e f\" ] && "
-                         "[ \"$5\" = \"\\$HOME\" ]' sh \"a b\" \"\" \"c\\\"d\" e\\ f '$HOME'"),
-      0);
+  char const* const fiveWords =
+      R"(-c '[ $# -eq 5 ] && [ "$1" = "a b" ] && [ -z "$2" ] && [ "$3" = "c\"d" ] && )"
+      R"([ "$4" = "e f" ] && [ "$5" = "\$HOME" ]' sh "a b" "" "c\"d" e\ f '$HOME')";
+  EXPECT_NE(MXPExecApplication("/bin/sh", fiveWords), 0);
 }
 
 }  // namespace

@@ -23,20 +23,17 @@ std::string gKillText(char const* message, cChild const& child) {
 // Handles of no process: the tests that use them kill nothing.
 void* gFakeHandle(int shift) { return reinterpret_cast<void*>(std::intptr_t{1} << shift); }
 
-TEST(ProcessesGroupManager, KillsNewestFirstGoesOnPastAnEndedMemberAndFreesTheName) {
+TEST(ProcessesGroupManager, GroupsByNameAreKilledNewestFirstAndOnlyWhenTerminated) {
+  cLogCapture capture;
   cChildren children;
   cChild const a = children.fStart(), b = children.fStart(true), c = children.fStart();
   ASSERT_TRUE(gEnded(b.pidfd, 10000));
-  ProcessesGroupManager manager;
-  RWCString name("workers");
-  ProcessGroup* group = nullptr;
-  for (void* handle : {a.handle, b.handle, c.handle})
-    group = manager.AddProcessToGroup(name, handle);
-  ASSERT_NE(group, nullptr);
-  EXPECT_EQ(group->groupValue, 1);
-
-  cLogCapture capture;
-  EXPECT_FALSE(manager.TerminateGroup(name));  // the ended member fails the group
+  auto* manager = new ProcessesGroupManager;
+  RWCString workers("workers");
+  for (void* handle : {a.handle, b.handle, c.handle}) manager->AddProcessToGroup(workers, handle);
+  ASSERT_NE(manager->GetProcessGroup(workers), nullptr);
+  EXPECT_EQ(manager->GetProcessGroup(workers)->groupValue, 1);
+  EXPECT_FALSE(manager->TerminateGroup(workers));  // the ended member fails the group
   std::vector<std::string> kills;
   for (nLog::cRecord const& record : capture.fWithText("gKillProcess"))
     kills.push_back(record.text);
@@ -45,12 +42,8 @@ TEST(ProcessesGroupManager, KillsNewestFirstGoesOnPastAnEndedMemberAndFreesTheNa
                                              gKillText("gKillProcess(%d) killed", a)}));
   EXPECT_TRUE(gEnded(a.pidfd) && gEnded(c.pidfd));
   EXPECT_EQ(capture.fWithText("TerminateGroup terminating\tworkers").size(), 1u);
-  EXPECT_EQ(manager.GetProcessGroup(name), nullptr);
-}
+  EXPECT_EQ(manager->GetProcessGroup(workers), nullptr);
 
-TEST(ProcessesGroupManager, NamesValuesRemovalAndOneElementKilledWhileTheManagerKillsNone) {
-  cLogCapture capture;
-  auto* manager = new ProcessesGroupManager;
   RWCString name("nobody");
   EXPECT_FALSE(manager->TerminateGroup(name));
   auto const reports = capture.fWithText("TerminateGroup unknown group \tnobody");
@@ -77,7 +70,6 @@ TEST(ProcessesGroupManager, NamesValuesRemovalAndOneElementKilledWhileTheManager
   EXPECT_EQ(capture.fWithText("AddProcessToGroup already in\ttaken\t").size(), 1u);
 
   // One element killed; the manager's end kills nothing.
-  cChildren children;
   cChild const kept = children.fStart(), killed = children.fStart();
   RWCString partial("partial");
   void *keptHandle = kept.handle, *killedHandle = killed.handle;
@@ -88,7 +80,7 @@ TEST(ProcessesGroupManager, NamesValuesRemovalAndOneElementKilledWhileTheManager
   ProcessesGroupManager keep(*manager);  // shares keys and groups, for the test to release them
   delete manager;
   EXPECT_FALSE(gEnded(kept.pidfd));
-  EXPECT_EQ(capture.fWithText("gKillProcess").size(), 1u);
+  EXPECT_EQ(capture.fWithText("gKillProcess").size(), 4u);  // the workers' three and this one
   two->clearAndDestroy();
   keep.clearAndDestroy();
 }
