@@ -1,7 +1,9 @@
-// A program of this build started by a test, its standard output and error on
-// one pipe, read and waited for within a bound.
+// A program started by a test, its output read and the program waited for
+// within a bound. Its standard error shares the output pipe, or, when the
+// test talks to it through its standard input, goes nowhere.
 #pragma once
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -20,28 +22,42 @@ namespace corvanth::test {
 
 class cChildProcess {
  public:
-  explicit cChildProcess(std::vector<std::string> arguments) {
-    int out[2] = {-1, -1};
-    if (pipe(out) != 0) return;
+  explicit cChildProcess(std::vector<std::string> arguments, bool withInput = false) {
+    int out[2] = {-1, -1}, in[2] = {-1, -1};  // close-on-exec: no other child inherits them
+    if (pipe2(out, O_CLOEXEC) != 0 || (withInput && pipe2(in, O_CLOEXEC) != 0)) return;
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    for (int target : {1, 2}) posix_spawn_file_actions_adddup2(&actions, out[1], target);
-    for (int end : out) posix_spawn_file_actions_addclose(&actions, end);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    if (withInput) posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+    if (withInput) posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    if (!withInput) posix_spawn_file_actions_adddup2(&actions, out[1], 2);
     std::vector<char*> argv;
     for (auto& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
-    if (posix_spawn(&mPid, argv[0], &actions, nullptr, argv.data(), environ) != 0) mPid = -1;
+    if (posix_spawnp(&mPid, argv[0], &actions, nullptr, argv.data(), environ) != 0) mPid = -1;
     posix_spawn_file_actions_destroy(&actions);
-    close(out[1]);
+    for (int end : {out[1], in[0]}) close(end);
     mOutput = out[0];
+    mInput = in[1];
   }
   cChildProcess(cChildProcess const&) = delete;
   cChildProcess& operator=(cChildProcess const&) = delete;
   ~cChildProcess() {
+    if (mInput >= 0) close(mInput);
     fFinish(std::chrono::seconds(0));
     if (mOutput >= 0) close(mOutput);
   }
 
+  bool fWrite(std::string const& bytes) {
+    return ::write(mInput, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
+  }
+  // All the output so far, once there are at least count bytes, or at the end or the bound.
+  std::string const& fRead(std::size_t count, std::chrono::seconds bound) {
+    auto const end = std::chrono::steady_clock::now() + bound;
+    while (mPending.size() < count && fReadSome(end)) {
+    }
+    return mPending;
+  }
   // The next line without its end, or what came before the bound or the end.
   std::string fReadLine(std::chrono::seconds bound) {
     auto const end = std::chrono::steady_clock::now() + bound;
@@ -75,7 +91,7 @@ class cChildProcess {
     if (mOutput < 0 || mEnded || poll(&entry, 1, int(std::max<long>(left.count(), 0))) <= 0) {
       return false;
     }
-    char buffer[4096];
+    char buffer[65536];
     ssize_t const got = read(mOutput, buffer, sizeof buffer);
     mEnded = got <= 0;
     if (!mEnded) mPending.append(buffer, static_cast<std::size_t>(got));
@@ -83,6 +99,7 @@ class cChildProcess {
   }
 
   pid_t mPid = -1;
+  int mInput = -1;
   int mOutput = -1;
   bool mEnded = false;
   std::string mPending;

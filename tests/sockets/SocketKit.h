@@ -17,6 +17,7 @@
 #include <future>
 #include <initializer_list>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -56,7 +57,7 @@ inline nSock::cSocketOptions gBounded() {
   return options;
 }
 
-// Work on a thread of its own, joined within a bound: by gJoin, or by the
+// Work on a thread of its own, joined within a bound: by fJoin, or by the
 // destructor when an assertion left the test early. A task that outlives the
 // bound may be stuck inside the test's objects, which can be neither waited
 // for nor left behind, so the test's process ends there with a message.
@@ -65,7 +66,6 @@ class cTask {
  public:
   explicit cTask(std::future<Result> future) : mFuture(std::move(future)) {}
   cTask(cTask&&) noexcept = default;
-  cTask& operator=(cTask&&) noexcept = default;
   ~cTask() {
     if (mFuture.valid()) fEndOrExit();
   }
@@ -92,9 +92,16 @@ template <class Work>
 auto gAsync(Work&& work) {
   return cTask(std::async(std::launch::async, std::forward<Work>(work)));
 }
-template <class Result>
-Result gJoin(cTask<Result>& task) {
-  return task.fJoin();
+
+// The text of the Error that work raised; empty when it raised none.
+template <class Error = std::runtime_error, class Work>
+std::string gWhat(Work&& work) {
+  try {
+    work();
+  } catch (Error const& error) {
+    return error.what();
+  }
+  return {};
 }
 
 inline bool gOpen(int descriptor) { return fcntl(descriptor, F_GETFD) != -1; }
@@ -103,11 +110,15 @@ inline std::unique_ptr<StreamSocket> gAdopt(nSock::cHandleOptional const& handle
   return std::make_unique<StreamSocket>(nSock::gValidate(handle), false, nullptr, false, false, "");
 }
 
-// A listener on 127.0.0.1 at a port that the system picks.
+// A listener on 127.0.0.1 at a port that the system picks; with TLS when
+// given a certificate directory.
 struct cLoopbackListener {
   nSock::cHandleValid mHandle = nSock::gCreateListenerOn("127.0.0.1", 0);
   unsigned short mPort = nSock::gLocalPort(mHandle);
-  std::unique_ptr<StreamSocket> mSocket = gAdopt(mHandle);
+  std::unique_ptr<StreamSocket> mSocket;
+
+  explicit cLoopbackListener(std::string const& tls = "", bool verifyClient = false)
+      : mSocket(std::make_unique<StreamSocket>(mHandle, !tls.empty(), nullptr, false, verifyClient, tls)) {}
 
   std::unique_ptr<StreamSocket> fAccept() {
     return gAdopt(std::get<0>(mSocket->Accept(gBounded())));
@@ -155,6 +166,11 @@ struct cFrame {
   int mLength = 1;
   bool mNull = false;
   std::string mPayload;
+  bool operator==(cFrame const&) const = default;
+  friend std::ostream& operator<<(std::ostream& out, cFrame const& frame) {
+    return out << frame.mOk << ' ' << frame.mType << ' ' << frame.mSubtype << ' ' << frame.mLength
+               << ' ' << frame.mNull << " \"" << frame.mPayload << '"';
+  }
 };
 
 inline cFrame gReceiveFrame(StreamSocket& socket) {

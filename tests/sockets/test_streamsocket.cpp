@@ -1,23 +1,14 @@
 // StreamSocket: frames on the wire, refused and lying headers, the end of a
 // blocked read, the two roles, and many connections at once.
-#include <gtest/gtest.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 
-#include <atomic>
-#include <cstdint>
-#include <cstring>
-#include <fstream>
-#include <memory>
 #include <new>
 #include <random>
-#include <string>
 #include <vector>
 
 #include "LogCapture.h"
 #include "SocketKit.h"
-#include "streamsocket.h"
 
 namespace {
 
@@ -30,7 +21,33 @@ int gPending(StreamSocket const& socket) {
   return count;
 }
 
-TEST(StreamSocketFrames, BigEndianHeadersEmptyAndBinaryFramesAndRefusedLengths) {
+// The growth of this process's peak resident size across a piece of work, in
+// bytes.
+template <class Work>
+long long gPeakGrowth(Work&& work) {
+  auto peak = [] {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+      if (line.rfind("VmHWM:", 0) == 0) return std::stoll(line.substr(6)) * 1024;
+    }
+    ADD_FAILURE() << "no peak resident size in /proc/self/status";
+    return 0LL;
+  };
+  std::ofstream("/proc/self/clear_refs") << "5" << std::flush;
+  long long const before = peak();
+  work();
+  return peak() - before;
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+// AddressSanitizer marks a freed block in its shadow, one byte for every
+// eight of the block: for an announced 2 GiB that is 256 MiB of its own.
+constexpr long long kShadow = 0x7FFFFFFFLL / 8;
+#else
+constexpr long long kShadow = 0;
+#endif
+
+TEST(StreamSocketFrames, HeadersRefusedLengthsLyingHeadersAndAGonePeer) {
   cPair pair;
   cLogCapture capture;
   std::string const binary("a\0b\xff", 4);
@@ -53,59 +70,31 @@ TEST(StreamSocketFrames, BigEndianHeadersEmptyAndBinaryFramesAndRefusedLengths) 
   ASSERT_TRUE(gSendRaw(*pair.mClient, gHeader(0x80000000u, 5, 6) + gHeader(0xFFFFFFFFu, 5, 6)));
   ASSERT_TRUE(pair.mClient->SendTypedMessageZ2(-32768, 32767, binary.data(), 4));
 
-  struct {
-    bool ok;
-    short type;
-    short subtype;
-    std::string payload;
-  } const expected[] = {{true, 7, -3, ""},
-                        {true, 8, 9, ""},
-                        {false, 0, 0, ""},
-                        {false, 0, 0, ""},
-                        {true, -32768, 32767, binary}};
-  for (auto const& want : expected) {
-    cFrame const frame = gReceiveFrame(*pair.mServer);
-    EXPECT_EQ(frame.mOk, want.ok);
-    EXPECT_EQ(frame.mType, want.type);
-    EXPECT_EQ(frame.mSubtype, want.subtype);
-    EXPECT_EQ(frame.mLength, int(want.payload.size()));
-    EXPECT_EQ(frame.mNull, want.payload.empty());
-    EXPECT_EQ(frame.mPayload, want.payload);
-  }
+  cFrame const expected[] = {{true, 7, -3, 0, true, ""}, {true, 8, 9, 0, true, ""},
+                             {false, 0, 0, 0, true, ""}, {false, 0, 0, 0, true, ""},
+                             {true, -32768, 32767, 4, false, binary}};
+  for (cFrame const& want : expected) EXPECT_EQ(gReceiveFrame(*pair.mServer), want);
   EXPECT_EQ(gPending(*pair.mServer), 0);
-}
 
-// The growth of this process's peak resident size across a piece of work, in
-// bytes. Without a resettable peak, the peak of the whole run stands in.
-template <class Work>
-long long gPeakGrowth(Work&& work) {
-  auto peak = [] {
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);) {
-      if (line.rfind("VmHWM:", 0) == 0) return std::stoll(line.substr(6)) * 1024;
+  // Payloads whose frame length no longer fits the count of a write: refused
+  // before any copy. The source is untouched zero pages, so a copy would show.
+  std::size_t const size = 0x7FFFFFFF;
+  void* const source =
+      mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  ASSERT_NE(source, MAP_FAILED);
+  long long growth = gPeakGrowth([&] {
+    for (int length : {0x7FFFFFF8, 0x7FFFFFFF}) {
+      EXPECT_FALSE(pair.mClient->SendTypedMessageZ2(1, 2, static_cast<char*>(source), length));
     }
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return usage.ru_maxrss * 1024LL;
-  };
-  std::ofstream("/proc/self/clear_refs") << "5" << std::flush;
-  long long const before = peak();
-  work();
-  return peak() - before;
-}
+  });
+  munmap(source, size);
+  EXPECT_LT(growth, 64LL << 20);
+  ASSERT_TRUE(pair.mClient->SendTypedMessageZ2(3, 4, "ok", 2));
+  EXPECT_EQ(gReceiveFrame(*pair.mServer).mPayload, "ok");  // nothing of the refused frames went out
 
-#if defined(__SANITIZE_ADDRESS__)
-// AddressSanitizer marks a freed block in its shadow, one byte for every
-// eight of the block: for an announced 2 GiB that is 256 MiB of its own.
-constexpr long long kShadow = 0x7FFFFFFFLL / 8;
-#else
-constexpr long long kShadow = 0;
-#endif
-
-TEST(StreamSocketFrames, HeaderAnnouncingTwoGigabytesThenCloseCostsOnlyWhatArrived) {
-  cPair pair;
+  // A header announcing 2 GiB, then 4 MiB and the end: the reader holds no more than what came.
   std::string const lie = gHeader(0x7FFFFFFF, 1, 2) + std::string(4 << 20, 'z');
-  long long const growth = gPeakGrowth([&] {
+  growth = gPeakGrowth([&] {
     auto liar = gAsync([&] {
       bool const sent = gSendRaw(*pair.mClient, lie);
       pair.mClient->CloseSocket();
@@ -119,105 +108,33 @@ TEST(StreamSocketFrames, HeaderAnnouncingTwoGigabytesThenCloseCostsOnlyWhatArriv
       // A host that does not overcommit refuses the array: no memory either.
       pair.mServer->CloseSocket();
     }
-    gJoin(liar);
+    liar.fJoin();
   });
   EXPECT_LT(growth, (64LL << 20) + kShadow);
-}
-
-TEST(StreamSocketFrames, WritesThatCannotGoOutAreRefusedAtNoCostAndRaiseNoSignal) {
-  cPair pair;
-  // Payloads whose frame length no longer fits the count of a write: refused
-  // before any copy. The source is untouched zero pages, so a copy would show.
-  std::size_t const size = 0x7FFFFFFF;
-  void* const source =
-      mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  ASSERT_NE(source, MAP_FAILED);
-  long long const growth = gPeakGrowth([&] {
-    for (int length : {0x7FFFFFF8, 0x7FFFFFFF}) {
-      EXPECT_FALSE(pair.mClient->SendTypedMessageZ2(1, 2, static_cast<char*>(source), length));
-    }
-  });
-  munmap(source, size);
-  EXPECT_LT(growth, 64LL << 20);
-  ASSERT_TRUE(pair.mClient->SendTypedMessageZ2(3, 4, "ok", 2));
-  EXPECT_EQ(gReceiveFrame(*pair.mServer).mPayload, "ok");  // nothing of the refused frames went out
 
   // A peer that has gone: the write fails, and SIGPIPE, whose default action
   // would end this process, is never raised.
-  pair.mServer.reset();
+  pair.mClient.reset();
   bool refused = false;
-  for (int i = 0; i < 1000 && !refused; ++i) refused = !pair.mClient->SendTypedMessageZ2(1, 1, "x", 1);
+  for (int i = 0; i < 1000 && !refused; ++i) refused = !pair.mServer->SendTypedMessageZ2(1, 1, "x", 1);
   EXPECT_TRUE(refused);
 }
 
-TEST(StreamSocketShutdown, CloseWakesABlockedReaderAndTheObjectNeverTouchesASocketAgain) {
+TEST(StreamSocketRoles, ConnectionsAcceptsAndTheirEnds) {
   cLoopbackListener listener;
   StreamSocket client;
-  client.Connect("127.0.0.1", listener.mPort, nSock::cSocketOptions());
-  auto first = listener.fAccept();
-  std::atomic<long> reader{0};
-  auto wait = gAsync([&] {
-    reader = gThreadId();
-    return gReceiveFrame(client);
-  });
-  ASSERT_TRUE(gWaitUntilBlocked(reader, {SYS_recvfrom, SYS_poll}));
-  client.CloseSocket();
-  cFrame const woken = gJoin(wait);
-  EXPECT_FALSE(woken.mOk);
-  EXPECT_TRUE(woken.mNull);
-
-  // Even on a fresh connection the shut object neither reads nor writes: the
-  // frame stays in the socket, and nothing reaches the other end.
-  nSock::cHandleOptional const older = client.f_GetInternal_debug();
-  client.Connect("127.0.0.1", listener.mPort, gBounded());
-  auto second = listener.fAccept();
-  ASSERT_TRUE(second->SendTypedMessageZ2(1, 2, "abc", 3));
-  EXPECT_FALSE(gReceiveFrame(client).mOk);
-  EXPECT_FALSE(client.SendTypedMessageZ2(1, 2, "abc", 3));
-  EXPECT_EQ(gReceiveRaw(client, 11), gHeader(3, 1, 2) + "abc");
-  // By the time the frame was taken the refused write would long have crossed loopback.
-  EXPECT_EQ(gPending(*second), 0);
-  client.CloseSocket();  // twice is harmless
-  nSock::gDelete(older);
-}
-
-TEST(StreamSocketRoles, AcceptGivesTheListenersPortAndNothingOnceClosed) {
-  cLoopbackListener listener;
-  StreamSocket client;
-  client.Connect("127.0.0.1", listener.mPort, nSock::cSocketOptions());
-  auto [accepted, ssl, port] = listener.mSocket->Accept(nSock::cSocketOptions());
-  EXPECT_TRUE(accepted.fIsValid());
-  EXPECT_EQ(port, 0);  // no setPort on this listener
-  nSock::gDelete(accepted);
-
-  listener.mSocket->setPort(4242, StreamSocket::ListeningPort);
-  std::atomic<long> acceptor{0};
-  auto waiting = gAsync([&] {
-    acceptor = gThreadId();
-    return listener.mSocket->Accept(nSock::cSocketOptions());
-  });
-  ASSERT_TRUE(gWaitUntilBlocked(acceptor, {SYS_accept4}));
-  listener.mSocket->CloseSocket();
-  auto [none, noSsl, samePort] = gJoin(waiting);
-  EXPECT_FALSE(none.fIsValid());
-  EXPECT_EQ(samePort, 4242);
-}
-
-TEST(StreamSocketRoles, ConnectAgainOrConnectLocalLeavesEarlierConnectionsOpen) {
-  cLoopbackListener listener;
-  StreamSocket client;
+  // Connect again or ConnectLocal: earlier connections stay open. Accept
+  // gives no port while the listener has none set.
   std::vector<nSock::cHandleOptional> handles;
   std::vector<std::unique_ptr<StreamSocket>> servers;
   for (char const* host : {"127.0.0.1", "localhost", ""}) {
-    if (*host != '\0') {
-      client.Connect(host, listener.mPort, gBounded());
-    } else {
-      client.ConnectLocal(listener.mPort, gBounded());
-    }
+    *host != '\0' ? client.Connect(host, listener.mPort, gBounded()) : client.ConnectLocal(listener.mPort, gBounded());
     EXPECT_EQ(client.getPort(), listener.mPort);
     EXPECT_EQ(client.getPortType(), StreamSocket::ConnectedPort);
     handles.push_back(client.f_GetInternal_debug());
-    servers.push_back(listener.fAccept());
+    auto const [accepted, ssl, port] = listener.mSocket->Accept(gBounded());
+    EXPECT_EQ(port, 0);
+    servers.push_back(gAdopt(accepted));
   }
   // Every connection carries frames both ways, the newest through the object.
   auto first = gAdopt(handles[0]);
@@ -226,12 +143,48 @@ TEST(StreamSocketRoles, ConnectAgainOrConnectLocalLeavesEarlierConnectionsOpen) 
   for (short i = 0; i < 3; ++i) {
     std::string const text = "frame " + std::to_string(i);
     ASSERT_TRUE(ends[i]->SendTypedMessageZ2(1, i, text.data(), int(text.size())));
-    cFrame const there = gReceiveFrame(*servers[std::size_t(i)]);
-    EXPECT_EQ(there.mPayload, text);
-    EXPECT_EQ(there.mSubtype, i);
+    EXPECT_EQ(gReceiveFrame(*servers[std::size_t(i)]), (cFrame{true, 1, i, int(text.size()), false, text}));
     ASSERT_TRUE(servers[std::size_t(i)]->SendTypedMessageZ2(2, i, text.data(), int(text.size())));
     EXPECT_EQ(gReceiveFrame(*ends[i]).mPayload, text);
   }
+
+  // CloseSocket wakes a blocked reader.
+  std::atomic<long> reader{0};
+  auto wait = gAsync([&] {
+    reader = gThreadId();
+    return gReceiveFrame(client);
+  });
+  ASSERT_TRUE(gWaitUntilBlocked(reader, {SYS_recvfrom, SYS_poll}));
+  client.CloseSocket();
+  cFrame const woken = wait.fJoin();
+  EXPECT_TRUE(!woken.mOk && woken.mNull);
+
+  // Even on a fresh connection the shut object neither reads nor writes: the
+  // frame stays in the socket, and nothing reaches the other end.
+  nSock::cHandleOptional const older = client.f_GetInternal_debug();
+  client.Connect("127.0.0.1", listener.mPort, gBounded());
+  auto fresh = listener.fAccept();
+  ASSERT_TRUE(fresh->SendTypedMessageZ2(1, 2, "abc", 3));
+  EXPECT_FALSE(gReceiveFrame(client).mOk);
+  EXPECT_FALSE(client.SendTypedMessageZ2(1, 2, "abc", 3));
+  EXPECT_EQ(gReceiveRaw(client, 11), gHeader(3, 1, 2) + "abc");
+  // By the time the frame was taken the refused write would long have crossed loopback.
+  EXPECT_EQ(gPending(*fresh), 0);
+  client.CloseSocket();  // twice is harmless
+  nSock::gDelete(older);
+
+  // CloseSocket wakes a blocked Accept, which gives the port set on the listener.
+  listener.mSocket->setPort(4242, StreamSocket::ListeningPort);
+  std::atomic<long> acceptor{0};
+  auto waiting = gAsync([&] {
+    acceptor = gThreadId();
+    return listener.mSocket->Accept(nSock::cSocketOptions());
+  });
+  ASSERT_TRUE(gWaitUntilBlocked(acceptor, {SYS_accept4}));
+  listener.mSocket->CloseSocket();
+  auto const [none, noSsl, samePort] = waiting.fJoin();
+  EXPECT_FALSE(none.fIsValid());
+  EXPECT_EQ(samePort, 4242);
 }
 
 // Frame k of connection c: a size from 0 to 64 KiB and an offset into a shared
@@ -282,20 +235,18 @@ TEST(StreamSocketLoad, SixtyFourConnectionsDeliverEveryFrameWholeAndInOrder) {
       return socket.SendTypedMessageZ2(0, 0, "all", 3) ? kFrames : -1;
     }));
   }
+  // A transfer not over in time is cut short by closing every socket.
   auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(45);
   bool inTime = true;
-  for (auto* group : {&receivers, &senders}) {
-    for (auto& task : *group) inTime = inTime && task.fReadyBy(end);
-  }
-  if (!inTime) {
-    ADD_FAILURE() << "the transfer did not end in time";
-    for (auto* group : {&servers, &clients}) {
-      for (auto& socket : *group) socket->CloseSocket();
-    }
-  }
+  for (int c = 0; c < kConnections; ++c) inTime = inTime && receivers[std::size_t(c)].fReadyBy(end) && senders[std::size_t(c)].fReadyBy(end);
+  EXPECT_TRUE(inTime) << "the transfer did not end in time";
   for (int c = 0; c < kConnections; ++c) {
-    EXPECT_EQ(gJoin(receivers[std::size_t(c)]), kFrames) << "receiver " << c;
-    EXPECT_EQ(gJoin(senders[std::size_t(c)]), kFrames) << "sender " << c;
+    if (!inTime) {
+      servers[std::size_t(c)]->CloseSocket();
+      clients[std::size_t(c)]->CloseSocket();
+    }
+    EXPECT_EQ(receivers[std::size_t(c)].fJoin(), kFrames) << "receiver " << c;
+    EXPECT_EQ(senders[std::size_t(c)].fJoin(), kFrames) << "sender " << c;
   }
 }
 
