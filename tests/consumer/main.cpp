@@ -42,14 +42,12 @@ int main() {
   client.Connect("127.0.0.1", nSock::gLocalPort(listener), nSock::cSocketOptions());
   StreamSocket accepted(nSock::gValidate(std::get<0>(server.Accept(nSock::cSocketOptions()))),
                         false, nullptr, false, false, "");
-  if (!client.SendTypedMessageZ2(5, 2, request.getPackedBuf(), int(request.getPackedBufLen())))
-    return gFail("the send");
-  short type = 0;
-  short subtype = 0;
+  short type = 0, subtype = 0;
   char* payload = nullptr;
   int length = 0;
-  if (!accepted.WaitTypedMessageZ1(type, subtype, payload, length, nullptr))
-    return gFail("the receive");
+  if (!client.SendTypedMessageZ2(5, 2, request.getPackedBuf(), int(request.getPackedBufLen())) ||
+      !accepted.WaitTypedMessageZ1(type, subtype, payload, length, nullptr))
+    return gFail("the frame");
   cCorvanthMessage const received(payload, unsigned(length), type, subtype);
   accepted.FreeMessage(payload);
   CAssociativeArray read;
@@ -58,8 +56,8 @@ int main() {
   int blobLength = 0;
   read.GetValueOfParameter("blob", blob, blobLength);
   if (received.getMessageId() != 41 || std::strcmp(received.getToClient(), "agent") != 0 ||
-      std::strcmp(read.GetValueOfParameter("user"), "alice") != 0 || blobLength != 3 ||
-      std::memcmp(blob, "a\0b", 3) != 0)
+      std::strcmp(read.GetValueOfParameter("user"), "alice") != 0 ||
+      std::string(blob, std::size_t(blobLength)) != std::string("a\0b", 3))
     return gFail("the message as received");
 
   // The text of key 10 comes from the package's own loadengine.frm.
