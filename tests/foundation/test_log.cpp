@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -47,19 +46,17 @@ struct cRaising {};
 std::ostream& operator<<(std::ostream&, cRaising) { throw std::runtime_error("inserter broke"); }
 struct cRaisingOther {};
 std::ostream& operator<<(std::ostream&, cRaisingOther) { throw 42; }
-struct cLocaleChanger {};
-std::ostream& operator<<(std::ostream& os, cLocaleChanger) {
-  std::locale::global(std::locale(std::locale::classic(), new std::numpunct<char>));
-  return os;
+std::locale gChangeLocale() {
+  return std::locale::global(std::locale(std::locale::classic(), new std::numpunct<char>));
 }
+struct cLocaleChanger {};
+std::ostream& operator<<(std::ostream& os, cLocaleChanger) { return gChangeLocale(), os; }
 
 TEST(LogStatement, RecordCarriesItsFieldsAndAForkedChildWritesItsOwnIds) {
   cLogCapture capture("Warning");
-  CORVANTH_LOG_AT(nLog::nBasic::sWarningTag_, "streamsocket", 321, "peer " << 17 << " closed");
-  ASSERT_EQ(capture.fRecords().size(), 1u);
-  nLog::cRecord r = capture.fRecords()[0];
-  r.text += "\n";  // a record stays one line
-  std::string const line = nLog::gFormatRecord(r);
+  CORVANTH_LOG_AT(nLog::nBasic::sWarningTag_, "streamsocket", 321, "peer " << 17 << " closed\n");
+  // The text's newline is escaped: a record stays one line.
+  std::string const line = nLog::gFormatRecord(capture.fRecords().at(0));
   std::string const tail = "\t" + std::to_string(::getpid()) + "\t" +
                            std::to_string(::syscall(SYS_gettid)) +
                            "\tWarning\tCorvanthUtil\tstreamsocket:321\tpeer 17 closed\\n\n";
@@ -86,10 +83,10 @@ std::ostream& operator<<(std::ostream& os, cNested) {
 }
 
 TEST(LogStatement, NullProxyAndSilentTagComposeNothingAndNestingStopsAtTheLimit) {
-  nLog::iTagControlled const* nullProxy = nullptr;
   auto flat = gTestTag("FlatTestTag", 0);
   auto deep = gTestTag("DeepTestTag", 1);
   gInserted = 0;
+  nLog::iTagControlled const* nullProxy = nullptr;
   CORVANTH_LOG(nullProxy, "test", cCounted());
   CORVANTH_LOG(&flat, "test", cCounted());
   EXPECT_EQ(gInserted, 0);
@@ -102,7 +99,11 @@ TEST(LogStatement, NullProxyAndSilentTagComposeNothingAndNestingStopsAtTheLimit)
   EXPECT_EQ(gTextsOf(capture.fRecords()), (tTexts{"outer", "inner", "outer"}));
 }
 
-TEST(LogStatement, MisbehavingPartsAreMarkedOrReportedAndEveryOtherPartStands) {
+class cOwnText : public nException::iMessage {
+  cStringCoeImpl v_iMessage_nException() const override { return "the subclass's own text"; }
+};
+
+TEST(LogStatement, MisbehavingPartsAreMarkedOrReportedOrRaisedAndEveryOtherPartStands) {
   cLogCapture capture("Error");
   cCoreReports reports;
   auto const tag = nLog::nBasic::sErrorTag_;
@@ -121,13 +122,25 @@ TEST(LogStatement, MisbehavingPartsAreMarkedOrReportedAndEveryOtherPartStands) {
   EXPECT_TRUE(reports.fHas("Log expression parse threw"));
 
   // The program's own change of the global locale is not a statement's doing.
-  std::locale const original =
-      std::locale::global(std::locale(std::locale::classic(), new std::numpunct<char>));
+  std::locale const original = gChangeLocale();
   CORVANTH_LOG(tag, "test", "after");
+  EXPECT_FALSE(reports.fHas("Log changed the global locale"));
   CORVANTH_LOG(tag, "test", cLocaleChanger());
   std::locale::global(original);
-  auto const texts = reports.fTexts();
-  EXPECT_EQ(std::count(texts.begin(), texts.end(), "Log changed the global locale"), 1);
+  EXPECT_TRUE(reports.fHas("Log changed the global locale"));
+
+  // A cited assertion raises when its tag asks, after its record is written.
+  const_cast<nLog::iTagControlled*>(tag)->fSetAssertionsThrow(true);
+  CORVANTH_ASSERT_AT(tag != nullptr, "PACKMSG", 55);  // holds: no raise
+  try {
+    CORVANTH_ASSERT_AT(tag == nullptr, "PACKMSG", 74);
+    ADD_FAILURE() << "assertion did not raise";
+  } catch (n_debug::cBrokenModuleException const& e) {
+    EXPECT_EQ(e.fGetDebugInfo().fString() + " " + e.what(), "PACKMSG:74 assertion failed");
+  }
+  const_cast<nLog::iTagControlled*>(tag)->fSetAssertionsThrow(false);
+  EXPECT_EQ(capture.fAt("PACKMSG", 74).size(), 1u);
+  EXPECT_STREQ(cOwnText().what(), "the subclass's own text");  // the virtual's text
 }
 
 struct cThrowingTarget : nLog::iTargetUnit {
@@ -139,27 +152,6 @@ struct cThrowingTarget : nLog::iTargetUnit {
   }
 };
 
-class cOwnText : public nException::iMessage {
-  cStringCoeImpl v_iMessage_nException() const override { return "the subclass's own text"; }
-};
-
-TEST(LogStatement, ACitedAssertionRaisesWhenItsTagAsksAndWhatIsTheVirtualsText) {
-  cLogCapture capture("Error");
-  auto* error = const_cast<nLog::iTagControlled*>(nLog::nBasic::sErrorTag_);
-  error->fSetAssertionsThrow(true);
-  int count = 11;
-  CORVANTH_ASSERT_AT(count > 10, "PACKMSG", 55);  // holds: no raise
-  try {
-    CORVANTH_ASSERT_AT(count <= 10, "PACKMSG", 74);
-    ADD_FAILURE() << "assertion did not raise";
-  } catch (n_debug::cBrokenModuleException const& e) {
-    EXPECT_EQ(e.fGetDebugInfo().fString() + " " + e.what(), "PACKMSG:74 assertion failed");
-  }
-  error->fSetAssertionsThrow(false);
-  EXPECT_EQ(capture.fAt("PACKMSG", 74).size(), 1u);  // written before it raised
-  EXPECT_STREQ(cOwnText().what(), "the subclass's own text");
-}
-
 // A target whose commit waits for a lock of its own, here a promise that the
 // test keeps while it logs; bounded, so that a deadlock fails instead of hanging.
 struct cLockingTarget : nLog::iTargetUnit {
@@ -170,20 +162,6 @@ struct cLockingTarget : nLog::iTargetUnit {
     gaveUp = unlocked.get_future().wait_for(std::chrono::seconds(15)) != std::future_status::ready;
   }
 };
-
-TEST(LogFacility, AThreadThatHoldsATargetsLockCanLogWhileThatTargetWaits) {
-  auto slowTag = gTestTag("SlowTestTag");
-  cLockingTarget locking;
-  ASSERT_TRUE(nLog::gAttachTarget(locking, "SlowTestTag"));
-  cLogCapture capture("Warning");
-  auto slow = std::async(std::launch::async, [&] { CORVANTH_LOG(&slowTag, "test", "waits"); });
-  ASSERT_EQ(locking.entered.get_future().wait_for(kBound), std::future_status::ready);
-  CORVANTH_LOG(nLog::nBasic::sWarningTag_, "test", "logged by the lock's holder");
-  locking.unlocked.set_value();
-  ASSERT_EQ(slow.wait_for(kBound), std::future_status::ready);
-  EXPECT_FALSE(locking.gaveUp);
-  EXPECT_EQ(capture.fRecords().size(), 1u);
-}
 
 // A user's target. Once given a follower, it hands over from inside its
 // commit: it detaches itself and attaches the follower.
@@ -199,7 +177,20 @@ struct cUserTarget : nLog::cTargetUnitControlledEvent {
   }
 };
 
-TEST(LogFacility, ARaisingCommitReachesTheCallerAsPlainExceptionAndTargetsComeAndGoAnyTime) {
+TEST(LogFacility, CommitsMayLockRaiseAndAttachOrDetachAndDestroyedTargetsLeave) {
+  // A thread that holds a target's lock can log while that target waits for it.
+  auto slowTag = gTestTag("SlowTestTag");
+  cLockingTarget locking;
+  ASSERT_TRUE(nLog::gAttachTarget(locking, "SlowTestTag"));
+  cLogCapture capture("Warning");
+  auto slow = std::async(std::launch::async, [&] { CORVANTH_LOG(&slowTag, "test", "waits"); });
+  ASSERT_EQ(locking.entered.get_future().wait_for(kBound), std::future_status::ready);
+  CORVANTH_LOG(nLog::nBasic::sWarningTag_, "test", "logged by the lock's holder");
+  locking.unlocked.set_value();
+  ASSERT_EQ(slow.wait_for(kBound), std::future_status::ready);
+  EXPECT_FALSE(locking.gaveUp);
+  EXPECT_EQ(capture.fRecords().size(), 1u);
+
   auto tag = gTestTag("HandOverTestTag");
   cThrowingTarget thrower;
   ASSERT_TRUE(nLog::gAttachTarget(thrower, "HandOverTestTag"));
@@ -244,10 +235,9 @@ TEST(LogFacility, ARaisingCommitReachesTheCallerAsPlainExceptionAndTargetsComeAn
 // column of each line written to its log file.
 tTexts gProbeTags(std::string const& environment, int runs = 1) {
   std::string const path = ::testing::TempDir() + "corvanth_probe_log.txt";
+  std::string const command = environment + " CORVANTH_LOG_FILE=" + path + " " LOG_ENV_PROBE;
   std::filesystem::remove(path);
-  for (int i = 0; i < runs; ++i)
-    EXPECT_EQ(std::system((environment + " CORVANTH_LOG_FILE=" + path + " " LOG_ENV_PROBE).c_str()),
-              0);
+  for (int i = 0; i < runs; ++i) EXPECT_EQ(std::system(command.c_str()), 0);
   tTexts tags;
   std::ifstream in(path);
   for (std::string time, pid, tid, tag, rest;
@@ -276,12 +266,11 @@ TEST(ErrorTexts, AMovedInstallFindsItsOwnDataDirectory) {
                  data = prefix / CORVANTH_INSTALL_DATADIR / "CorvanthUtil";
   fs::create_directories(lib);
   fs::create_directories(data);
-  fs::copy_file(CORVANTH_LIBRARY_FILE, lib / CORVANTH_LIBRARY_SONAME,
-                fs::copy_options::overwrite_existing);
+  fs::copy_file(CORVANTH_LIBRARY_FILE, lib / CORVANTH_LIBRARY_SONAME);
   std::ofstream(data / "moved.frm") << "1\tfound beside the library: %s\n";
-  std::string const command =
-      "env -u KESTRUN_HOME LD_LIBRARY_PATH='" + lib.string() + "' " FRM_PROBE " moved.frm 1 x";
-  EXPECT_EQ(std::system((command + " > " + (prefix / "out").string()).c_str()), 0);
+  std::string const command = "env -u KESTRUN_HOME LD_LIBRARY_PATH='" + lib.string() +
+                              "' " FRM_PROBE " moved.frm 1 x > " + (prefix / "out").string();
+  EXPECT_EQ(std::system(command.c_str()), 0);
   std::string output;
   std::getline(std::ifstream(prefix / "out"), output);
   fs::remove_all(prefix);
