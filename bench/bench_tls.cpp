@@ -4,10 +4,7 @@
 // data/certs/make-test-certs.sh into a temporary directory) and the cipher
 // OpenSSL picks by default on both; neither side checks certificates.
 //
-// Throughput: one iteration sends a batch of frames from the benchmark thread
-// and ends when a receiving thread has taken all of them; the counters give
-// frames per second (items) and bytes per second of payload. Round trip: one
-// iteration sends a 64-byte frame and waits for its echo. Handshake: the time
+// Throughput and round trip as FrameBench.h measures them. Handshake: the time
 // of one TCP connect and TLS handshake, as the client sees it; the bare loop
 // keeps its two contexts, while StreamSocket makes its context (and the server
 // loads its certificate and key) on every connect and accept.
@@ -39,7 +36,7 @@
 #include <thread>
 #include <vector>
 
-#include "BenchRatio.h"
+#include "FrameBench.h"
 #include "LintelSocket.h"
 #include "streamsocket.h"
 
@@ -47,34 +44,10 @@ namespace {
 
 namespace nSock = nCommunication::nSocket;
 
-constexpr short kData = 0;
-constexpr short kStop = 1;
+using namespace corvanth::bench;
 
 // The certificate directory of this run.
 std::string gDirectory;
-
-int gBatch(std::size_t size) {
-  return static_cast<int>(std::clamp<std::size_t>((8u << 20) / size, 8, 2000));
-}
-
-// Batches taken by the receiving side, for the sender to wait on.
-class cBatchCounter {
- public:
-  void fTook() {
-    mDone.fetch_add(1, std::memory_order_release);
-    mDone.notify_one();
-  }
-  void fWaitFor(long batches) {
-    long seen = mDone.load(std::memory_order_acquire);
-    while (seen < batches) {
-      mDone.wait(seen);
-      seen = mDone.load(std::memory_order_acquire);
-    }
-  }
-
- private:
-  std::atomic<long> mDone{0};
-};
 
 // --- StreamSocket with TLS ---------------------------------------------------
 
@@ -136,73 +109,14 @@ struct cStreamPair {
 };
 
 void BM_StreamSocketTls_Throughput(benchmark::State& state) {
-  std::size_t const size = static_cast<std::size_t>(state.range(0));
-  int const batch = gBatch(size);
-  std::vector<char> const payload(size, 'x');
   cStreamPair pair;
   state.SetLabel(pair.mAgreed);
-  cBatchCounter counter;
-  std::thread receiver([&] {
-    int taken = 0;
-    for (;;) {
-      short type = 0;
-      short subtype = 0;
-      char* message = nullptr;
-      int length = 0;
-      if (!pair.mServer->WaitTypedMessageZ1(type, subtype, message, length, nullptr)) return;
-      pair.mServer->FreeMessage(message);
-      if (type == kStop) return;
-      if (++taken == batch) {
-        taken = 0;
-        counter.fTook();
-      }
-    }
-  });
-  long batches = 0;
-  for (auto _ : state) {
-    for (int i = 0; i < batch; ++i) {
-      if (!pair.mClient.SendTypedMessageZ2(kData, 0, payload.data(), int(size))) {
-        state.SkipWithError("send failed");
-      }
-    }
-    counter.fWaitFor(++batches);
-  }
-  pair.mClient.SendTypedMessageZ2(kStop, 0, "", 0);
-  receiver.join();
-  state.SetItemsProcessed(state.iterations() * batch);
-  state.SetBytesProcessed(state.iterations() * batch * static_cast<std::int64_t>(size));
+  gStreamThroughput(state, pair.mClient, *pair.mServer);
 }
 
 void BM_StreamSocketTls_RoundTrip(benchmark::State& state) {
-  std::vector<char> const payload(64, 'r');
   cStreamPair pair;
-  std::thread echo([&] {
-    for (;;) {
-      short type = 0;
-      short subtype = 0;
-      char* message = nullptr;
-      int length = 0;
-      if (!pair.mServer->WaitTypedMessageZ1(type, subtype, message, length, nullptr)) return;
-      bool const stop = type == kStop;
-      if (!stop) pair.mServer->SendTypedMessageZ2(type, subtype, message, length);
-      pair.mServer->FreeMessage(message);
-      if (stop) return;
-    }
-  });
-  for (auto _ : state) {
-    pair.mClient.SendTypedMessageZ2(kData, 0, payload.data(), 64);
-    short type = 0;
-    short subtype = 0;
-    char* message = nullptr;
-    int length = 0;
-    if (!pair.mClient.WaitTypedMessageZ1(type, subtype, message, length, nullptr)) {
-      state.SkipWithError("no echo");
-    }
-    pair.mClient.FreeMessage(message);
-  }
-  pair.mClient.SendTypedMessageZ2(kStop, 0, "", 0);
-  echo.join();
-  state.SetItemsProcessed(state.iterations());
+  gStreamRoundTrip(state, pair.mClient, *pair.mServer);
 }
 
 void BM_StreamSocketTls_Handshake(benchmark::State& state) {
@@ -464,42 +378,12 @@ void BM_BareOpenSsl_Handshake(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
 }
 
-void gSizes(benchmark::internal::Benchmark* benchmark) {
-  for (int size : {64, 1024, 64 * 1024, 1024 * 1024}) benchmark->Arg(size);
-  benchmark->UseRealTime()->Unit(benchmark::kMicrosecond);
-}
-
 BENCHMARK(BM_StreamSocketTls_Throughput)->Apply(gSizes);
 BENCHMARK(BM_BareOpenSsl_Throughput)->Apply(gSizes);
 BENCHMARK(BM_StreamSocketTls_RoundTrip)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_BareOpenSsl_RoundTrip)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_StreamSocketTls_Handshake)->UseManualTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_BareOpenSsl_Handshake)->UseManualTime()->Unit(benchmark::kMicrosecond);
-
-// Collects the median of each benchmark's repetitions (or its single run).
-class cMedianReporter : public corvanth::bench::cCollectingReporter {
- public:
-  void ReportRuns(std::vector<Run> const& runs) override {
-    for (auto const& run : runs) {
-      if (run.error_occurred) continue;
-      if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
-        mMedians[run.run_name.str()] = run.GetAdjustedRealTime();
-      } else if (run.run_type == Run::RT_Iteration && !mMedians.count(run.run_name.str())) {
-        mSingles[run.run_name.str()] = run.GetAdjustedRealTime();
-      }
-    }
-    cCollectingReporter::ReportRuns(runs);
-  }
-  double fTime(std::string const& name) const {
-    if (auto found = mMedians.find(name); found != mMedians.end()) return found->second;
-    if (auto found = mSingles.find(name); found != mSingles.end()) return found->second;
-    return 0;
-  }
-
- private:
-  std::map<std::string, double> mMedians;
-  std::map<std::string, double> mSingles;
-};
 
 // Test certificates in a fresh temporary directory; empty on failure.
 std::string gMakeCertificates() {
@@ -516,42 +400,22 @@ std::string gMakeCertificates() {
 
 }  // namespace
 
-// By default five repetitions in random order, so that a machine whose load
-// drifts meets both alike, and medians; flags given on the command line come
-// later and win.
 int main(int argc, char** argv) {
   gDirectory = gMakeCertificates();
   if (gDirectory.empty()) {
     std::fprintf(stderr, "bench_tls: data/certs/make-test-certs.sh could not make certificates\n");
     return 1;
   }
-  std::string repetitions = "--benchmark_repetitions=5";
-  std::string interleaving = "--benchmark_enable_random_interleaving=true";
-  std::string aggregates = "--benchmark_report_aggregates_only=true";
-  std::vector<char*> arguments = {argv[0], repetitions.data(), interleaving.data(),
-                                  aggregates.data()};
-  arguments.insert(arguments.end(), argv + 1, argv + argc);
-  int count = static_cast<int>(arguments.size());
-  benchmark::Initialize(&count, arguments.data());
-  if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return 1;
   cMedianReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-
-  // Speed ratios: ours over the bare loop's, above 1.00x StreamSocket is faster.
-  std::printf("\n");
-  auto ratio = [&](std::string const& what, std::string const& ours, std::string const& theirs) {
-    double const a = reporter.fTime(ours);
-    double const b = reporter.fTime(theirs);
-    if (a > 0 && b > 0) std::printf("ratio %s: %.2fx\n", what.c_str(), b / a);
-  };
+  if (!gRunWithMedians(argc, argv, reporter)) return 1;
   for (char const* size : {"64", "1024", "65536", "1048576"}) {
-    ratio(std::string("StreamSocket TLS / bare OpenSSL, frames per second at ") + size + " B",
+    reporter.fRatio(std::string("StreamSocket TLS / bare OpenSSL, frames per second at ") + size + " B",
           std::string("BM_StreamSocketTls_Throughput/") + size + "/real_time",
           std::string("BM_BareOpenSsl_Throughput/") + size + "/real_time");
   }
-  ratio("StreamSocket TLS / bare OpenSSL, round trips per second at 64 B",
+  reporter.fRatio("StreamSocket TLS / bare OpenSSL, round trips per second at 64 B",
         "BM_StreamSocketTls_RoundTrip/real_time", "BM_BareOpenSsl_RoundTrip/real_time");
-  ratio("StreamSocket TLS / bare OpenSSL, connects with handshake per second",
+  reporter.fRatio("StreamSocket TLS / bare OpenSSL, connects with handshake per second",
         "BM_StreamSocketTls_Handshake/manual_time", "BM_BareOpenSsl_Handshake/manual_time");
   benchmark::Shutdown();
   std::filesystem::remove_all(gDirectory);
