@@ -8,12 +8,14 @@
 // iteration sends a 64-byte frame and waits for its echo.
 #pragma once
 
+#include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <string>
 #include <thread>
@@ -61,18 +63,33 @@ inline bool gTake(StreamSocket& socket, short& type, char*& message, int& length
   return socket.WaitTypedMessageZ1(type, subtype, message, length, nullptr);
 }
 
-inline void gStreamThroughput(benchmark::State& state, StreamSocket& client, StreamSocket& server) {
+// A frame as the baselines read it: exact reads of the header, then of the payload into a
+// reused buffer; read(buffer, count) fills exactly or gives false.
+template <class ReadExactly>
+bool gReceiveFrame(ReadExactly&& read, std::vector<char>& payload, short& type) {
+  char header[8];
+  if (!read(header, 8)) return false;
+  std::uint32_t length = 0;
+  std::uint16_t rawType = 0;
+  std::memcpy(&length, header, 4);
+  std::memcpy(&rawType, header + 4, 2);
+  type = static_cast<short>(ntohs(rawType));
+  payload.resize(ntohl(length));
+  return read(payload.data(), payload.size());
+}
+
+// Throughput: send(type, data, size) on this thread, and receive(buffer,
+// type) on a thread of its own.
+template <class Send, class Receive>
+void gBaselineThroughput(benchmark::State& state, Send&& send, Receive&& receive) {
   std::size_t const size = static_cast<std::size_t>(state.range(0));
   int const batch = gBatch(size);
   std::vector<char> const payload(size, 'x');
   cBatchCounter counter;
   std::thread receiver([&] {
+    std::vector<char> buffer;
     short type = 0;
-    char* message = nullptr;
-    int length = 0;
-    for (int taken = 0; gTake(server, type, message, length);) {
-      server.FreeMessage(message);
-      if (type == kStop) return;
+    for (int taken = 0; receive(buffer, type) && type != kStop;) {
       if (++taken == batch) {
         taken = 0;
         counter.fTook();
@@ -82,14 +99,27 @@ inline void gStreamThroughput(benchmark::State& state, StreamSocket& client, Str
   long batches = 0;
   for (auto _ : state) {
     for (int i = 0; i < batch; ++i) {
-      if (!client.SendTypedMessageZ2(kData, 0, payload.data(), int(size))) state.SkipWithError("send failed");
+      if (!send(kData, payload.data(), size)) state.SkipWithError("send failed");
     }
     counter.fWaitFor(++batches);
   }
-  client.SendTypedMessageZ2(kStop, 0, "", 0);
+  send(kStop, "", 0);
   receiver.join();
   state.SetItemsProcessed(state.iterations() * batch);
   state.SetBytesProcessed(state.iterations() * batch * static_cast<std::int64_t>(size));
+}
+
+inline void gStreamThroughput(benchmark::State& state, StreamSocket& client, StreamSocket& server) {
+  gBaselineThroughput(
+      state,
+      [&](short type, char const* data, std::size_t size) { return client.SendTypedMessageZ2(type, 0, data, int(size)); },
+      [&](std::vector<char>&, short& type) {
+        char* message = nullptr;
+        int length = 0;
+        if (!gTake(server, type, message, length)) return false;
+        server.FreeMessage(message);
+        return true;
+      });
 }
 
 inline void gStreamRoundTrip(benchmark::State& state, StreamSocket& client, StreamSocket& server) {

@@ -134,48 +134,17 @@ bool gReadExactly(int socket, char* buffer, std::size_t count) {
   return true;
 }
 
-// Exact reads of the header, then of the payload into a reused buffer.
 bool gPlainReceive(int socket, std::vector<char>& payload, short& type) {
-  char header[8];
-  if (!gReadExactly(socket, header, 8)) return false;
-  std::uint32_t length = 0;
-  std::uint16_t rawType = 0;
-  std::memcpy(&length, header, 4);
-  std::memcpy(&rawType, header + 4, 2);
-  type = static_cast<short>(ntohs(rawType));
-  payload.resize(ntohl(length));
-  return gReadExactly(socket, payload.data(), payload.size());
+  return gReceiveFrame([socket](char* buffer, std::size_t count) { return gReadExactly(socket, buffer, count); },
+                       payload, type);
 }
 
 void BM_PlainLoop_Throughput(benchmark::State& state) {
-  std::size_t const size = static_cast<std::size_t>(state.range(0));
-  int const batch = gBatch(size);
-  std::vector<char> const payload(size, 'x');
   cPlainPair pair;
-  cBatchCounter counter;
-  std::thread receiver([&] {
-    std::vector<char> buffer;
-    int taken = 0;
-    short type = 0;
-    while (gPlainReceive(pair.mServer, buffer, type) && type != kStop) {
-      if (++taken == batch) {
-        taken = 0;
-        counter.fTook();
-      }
-    }
-  });
   cPlainSender sender(pair.mClient);
-  long batches = 0;
-  for (auto _ : state) {
-    for (int i = 0; i < batch; ++i) {
-      if (!sender.fSend(kData, payload.data(), size)) state.SkipWithError("send failed");
-    }
-    counter.fWaitFor(++batches);
-  }
-  sender.fSend(kStop, "", 0);
-  receiver.join();
-  state.SetItemsProcessed(state.iterations() * batch);
-  state.SetBytesProcessed(state.iterations() * batch * static_cast<std::int64_t>(size));
+  gBaselineThroughput(
+      state, [&](short type, char const* data, std::size_t size) { return sender.fSend(type, data, size); },
+      [&](std::vector<char>& buffer, short& type) { return gPlainReceive(pair.mServer, buffer, type); });
 }
 
 void BM_PlainLoop_RoundTrip(benchmark::State& state) {

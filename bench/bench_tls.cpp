@@ -270,48 +270,17 @@ bool gBareSend(SSL* ssl, short type, char const* payload, std::size_t size) {
   return gSslWriteAll(ssl, header, 8) && gSslWriteAll(ssl, payload, size);
 }
 
-// Exact reads of the header, then of the payload into a reused buffer.
 bool gBareReceive(SSL* ssl, std::vector<char>& payload, short& type) {
-  char header[8];
-  if (!gSslReadExactly(ssl, header, 8)) return false;
-  std::uint32_t length = 0;
-  std::uint16_t rawType = 0;
-  std::memcpy(&length, header, 4);
-  std::memcpy(&rawType, header + 4, 2);
-  type = static_cast<short>(ntohs(rawType));
-  payload.resize(ntohl(length));
-  return gSslReadExactly(ssl, payload.data(), payload.size());
+  return gReceiveFrame([ssl](char* buffer, std::size_t count) { return gSslReadExactly(ssl, buffer, count); },
+                       payload, type);
 }
 
 void BM_BareOpenSsl_Throughput(benchmark::State& state) {
-  std::size_t const size = static_cast<std::size_t>(state.range(0));
-  int const batch = gBatch(size);
-  std::vector<char> const payload(size, 'x');
   cBarePair pair;
   state.SetLabel(gAgreed(pair.mServer));
-  cBatchCounter counter;
-  std::thread receiver([&] {
-    std::vector<char> buffer;
-    int taken = 0;
-    short type = 0;
-    while (gBareReceive(pair.mServer, buffer, type) && type != kStop) {
-      if (++taken == batch) {
-        taken = 0;
-        counter.fTook();
-      }
-    }
-  });
-  long batches = 0;
-  for (auto _ : state) {
-    for (int i = 0; i < batch; ++i) {
-      if (!gBareSend(pair.mClient, kData, payload.data(), size)) state.SkipWithError("send failed");
-    }
-    counter.fWaitFor(++batches);
-  }
-  gBareSend(pair.mClient, kStop, "", 0);
-  receiver.join();
-  state.SetItemsProcessed(state.iterations() * batch);
-  state.SetBytesProcessed(state.iterations() * batch * static_cast<std::int64_t>(size));
+  gBaselineThroughput(
+      state, [&](short type, char const* data, std::size_t size) { return gBareSend(pair.mClient, type, data, size); },
+      [&](std::vector<char>& buffer, short& type) { return gBareReceive(pair.mServer, buffer, type); });
 }
 
 void BM_BareOpenSsl_RoundTrip(benchmark::State& state) {
