@@ -61,6 +61,11 @@
 
 // dictionaries
 #include "AssociativeArray.h"
+#include "filesassociationarchive.h"
+
+// settings, paths and code pages
+#include "KREnvironment.h"
+#include "Uzend.h"
 
 // errors and addresses
 #include "AssociativeArrayExceptions.h"

@@ -1,0 +1,2 @@
+// File associations (being written).
+#pragma once

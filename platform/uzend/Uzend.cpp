@@ -1,0 +1,1 @@
+// Code pages over iconv.
