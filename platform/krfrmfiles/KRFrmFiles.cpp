@@ -1,13 +1,6 @@
 // Our Linux build of the error text library: the reader of ".frm" files (the
 // format is told in KRErrorsDictionary.h), the table of loaded texts behind
 // KRErrorsDictionary, and the product exceptions that take their text from it.
-#include <dlfcn.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <map>
@@ -20,14 +13,10 @@
 #include "KRErrorException.h"
 #include "KRErrorsDictionary.h"
 #include "KRLogMessage.h"
-
-#ifndef CORVANTH_DATA_DIR_FROM_LIB
-#error "CORVANTH_DATA_DIR_FROM_LIB must name the data directory relative to the library's"
-#endif
+#include "internal/KRProductFiles.h"
 
 namespace {
 
-constexpr std::size_t kMaxFileBytes = 4u << 20;
 constexpr std::size_t kMaxLineBytes = 65536;
 
 using tTexts = std::map<std::int32_t, std::string>;
@@ -63,69 +52,10 @@ void gParseTexts(std::string_view bytes, tTexts& texts) {
   }
 }
 
-// Reads a regular file of at most kMaxFileBytes whole; false otherwise.
-bool gReadFile(std::string const& path, std::string& bytes) {
-  int const fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  struct stat status {};
-  bool ok = ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
-            static_cast<std::uint64_t>(status.st_size) <= kMaxFileBytes;
-  if (ok) {
-    // The size is a hint only: the file may change under us, so read to the end within the cap.
-    bytes.assign(static_cast<std::size_t>(status.st_size), '\0');
-    std::size_t filled = 0;
-    for (;;) {
-      if (filled == bytes.size()) {
-        if (bytes.size() >= kMaxFileBytes + 1) break;
-        bytes.resize(std::min(kMaxFileBytes + 1, bytes.size() + 4096));
-      }
-      ssize_t const got = ::read(fd, bytes.data() + filled, bytes.size() - filled);
-      if (got < 0 && errno == EINTR) continue;
-      if (got < 0) {
-        ok = false;
-        break;
-      }
-      if (got == 0) break;
-      filled += static_cast<std::size_t>(got);
-    }
-    bytes.resize(filled);
-    if (filled > kMaxFileBytes) ok = false;
-  }
-  ::close(fd);
-  return ok;
-}
-
-bool gPlainFileName(char const* name) {
-  if (name == nullptr) return false;
-  std::string_view const text(name);
-  return !text.empty() && text != "." && text != ".." && text.find('/') == std::string_view::npos;
-}
-
-// The installed data directory, found from where this library was loaded, so
-// that an installed tree moved elsewhere still finds its own files.
-std::string const& gInstalledDataDirectory() {
-  static std::string const directory = [] {
-    Dl_info info{};
-    if (::dladdr(reinterpret_cast<void const*>(&gInstalledDataDirectory), &info) == 0 ||
-        info.dli_fname == nullptr)
-      return std::string();
-    std::string library(info.dli_fname);
-    std::size_t const slash = library.rfind('/');
-    std::string const libraryDirectory = slash == std::string::npos ? "." : library.substr(0, slash);
-    return libraryDirectory + "/" CORVANTH_DATA_DIR_FROM_LIB;
-  }();
-  return directory;
-}
-
 std::shared_ptr<tTexts const> gLoad(char const* fileName) {
-  if (!gPlainFileName(fileName)) return nullptr;
-  std::vector<std::string> directories;
-  if (char const* home = std::getenv("KESTRUN_HOME"); home != nullptr && *home != '\0')
-    directories.push_back(std::string(home) + "/dat");
-  if (!gInstalledDataDirectory().empty()) directories.push_back(gInstalledDataDirectory());
-  for (std::string const& directory : directories) {
+  for (std::string const& path : nKRProductFiles::gCandidatePaths("dat", fileName)) {
     std::string bytes;
-    if (!gReadFile(directory + "/" + fileName, bytes)) continue;
+    if (!nKRProductFiles::gReadFile(path, bytes)) continue;
     auto texts = std::make_shared<tTexts>();
     gParseTexts(bytes, *texts);
     return texts;
@@ -273,7 +203,7 @@ namespace {
 KRErrorsDictionary gExceptionTexts(char const* fileName) {
   static std::mutex mutex;
   static auto* cache = new std::map<std::string, KRErrorsDictionary>();  // never freed: used up to exit
-  if (!gPlainFileName(fileName)) return KRErrorsDictionary();
+  if (!nKRProductFiles::gPlainFileName(fileName)) return KRErrorsDictionary();
   char const* home = std::getenv("KESTRUN_HOME");
   std::string key = std::string(home != nullptr ? home : "") + '\0' + fileName;
   {
