@@ -181,7 +181,14 @@ std::size_t gConvert(std::size_t index, tDirection direction, char const* source
     outLeft = capacity;
     return true;
   };
-  // None of the code pages has shift states, so there is no closing sequence to flush.
+  // 1255 and 1258 hold back a base letter in case a combining mark follows:
+  // it goes out before a replacement and at the end.
+  auto const flush = [&]() {
+    while (::iconv(lease.get(), nullptr, nullptr, &out, &outLeft) == static_cast<std::size_t>(-1)) {
+      if (errno != E2BIG || !makeRoom()) return false;
+    }
+    return true;
+  };
   while (inLeft > 0) {
     if (::iconv(lease.get(), &in, &inLeft, &out, &outLeft) != static_cast<std::size_t>(-1)) break;
     int const error = errno;
@@ -189,7 +196,7 @@ std::size_t gConvert(std::size_t index, tDirection direction, char const* source
       if (!makeRoom()) return kNotFound;
       continue;
     }
-    if (error != EILSEQ && error != EINVAL) return kNotFound;
+    if ((error != EILSEQ && error != EINVAL) || !flush()) return kNotFound;
     if (outLeft < replacementSize && !makeRoom()) return kNotFound;
     std::memcpy(out, replacement, replacementSize);
     out += replacementSize;
@@ -199,6 +206,7 @@ std::size_t gConvert(std::size_t index, tDirection direction, char const* source
     inLeft -= skip;
     replaced = true;
   }
+  if (!flush()) return kNotFound;
   return total + static_cast<std::size_t>(out - base);
 }
 

@@ -51,6 +51,9 @@ TEST(Uzend, CountsTerminatorsSizesAndRefusesWhatWin32Refuses) {
   EXPECT_EQ(UL_MultiByteToWideChar(1252, 0, "ab", -1, wide, 3, 0, 0), 3);
   EXPECT_EQ(std::u16string(wide, 4), std::u16string(u"ab\0#", 4));
   EXPECT_EQ(UL_MultiByteToWideChar(1200, 0, "a\0b\0\0\0", -1, nullptr, 0, 0, 0), 3);
+  // 1258 holds a letter back for a combining mark that never comes.
+  EXPECT_EQ(gToWide(1258, "ab"), u"ab");
+  EXPECT_EQ(gToWide(1258, "a\x81" "b"), u"a\uFFFDb");
 
   char bytes[4] = {'#', '#', '#', '#'};
   EXPECT_EQ(UL_WideCharToMultiByte(65001, 0, u"\u00e9", -1, nullptr, 0, 0, 0), 3);
