@@ -104,6 +104,51 @@ class CORVANTH_EXPORT CAssociativeArray : public RWHashDictionary {
   void FromStringX2_deprecate(char const* text);
   void FromStringZTS(char const* text);
 
+  // Text conversion at the border. Code pages are Windows code page numbers
+  // (Uzend.h). The conversion mode is the setting CorvanthAnsiConversion_patch
+  // of kestrun.ini, read at the first call that needs it and kept for the life
+  // of the process (a changed file counts from the next process on):
+  //   0, and also an absent setting or one that is no number: no conversion;
+  //   1: rewrite with gConvertX1Internal; 2: with gConvertX1Internal_patch;
+  //   any other: conversions give false and log an error.
+  // Rewriting converts every leaf value of a form at any depth and recomputes
+  // the lengths around it; keys, counts and lengths stay as they are. Whatever
+  // does not read as a form is one leaf, the whole text included. A leaf is
+  // converted up to its first zero byte. Texts are zero-terminated; a length
+  // beyond that terminator means the text holds that many bytes. No rewriter
+  // raises (save out of memory) or looks beyond its input.
+  //
+  // Mode 0: out becomes the length bytes of text (the zero-terminated text for
+  // a negative length), and the result is true. Else gConvertX1 in that mode.
+  static bool ConvertX0(unsigned sourceCodePage, unsigned targetCodePage, char const* text, int length,
+                        RWCString& out);
+  // Never reads the setting: always the mended rewriter on the zero-terminated text.
+  static bool ConvertZ38(unsigned sourceCodePage, unsigned targetCodePage, char const* text, RWCString& out);
+  // Mode 0: FromString. Else the converted text is read, and a failed
+  // conversion (logged) leaves the empty text, which the reader refuses.
+  void FromStringConvert(unsigned sourceCodePage, unsigned targetCodePage, char const* text, int length);
+
+  // The rewriter of the given mode (1 or 2); any other mode gives false, logs
+  // one error and leaves out untouched. A null text gives false and an empty out.
+  static bool gConvertX1(int mode, unsigned sourceCodePage, unsigned targetCodePage, char const* text, int length,
+                         RWCString& out);
+  // One text from one code page to the other through UTF-16, as the Win32
+  // pair does it: length -1 takes the text with its terminator, a null target
+  // with size 0 asks for the size. Gives the count of target bytes, 0 on failure.
+  static int gConvertLeaf(unsigned sourceCodePage, unsigned targetCodePage, char const* text, int length,
+                          char* target, int targetSize);
+  // The process-wide conversion mode; concurrent first callers all see one value.
+  static int gAnsiConversionMode();
+  // The first rewriter. Its defect stays, since the second exists to mend it:
+  // a count of 0 or below reads as a form with no couples, so the leaf
+  // "0 apples" comes out as "0 ". Values are seen up to their first zero byte.
+  static bool gConvertX1Internal(unsigned sourceCodePage, unsigned targetCodePage, char const* text, RWCString& out);
+  // The mended rewriter: a count of 0 or below makes a leaf, and keys and
+  // values keep their zero bytes. whole, wholeLength and offset (of text in
+  // whole) serve the failure reports only.
+  static bool gConvertX1Internal_patch(unsigned sourceCodePage, unsigned targetCodePage, char const* text,
+                                       int length, RWCString& out, char const* whole, int wholeLength, int offset);
+
   // clear is Reset. clearAndDestroy and removeAndDestroy destroy what no other
   // array holds, each object once.
   void clear() override;
