@@ -161,11 +161,6 @@ char const* MXEnvContainerClass::MXEGetEnv(char const* key) {
   return fLookup(key, source);
 }
 
-char const* MXEnvContainerClass::fSettingsPath() {
-  if (mState->settingsHandle == 0) nEnvSettings::gFileInitTable(*this, nEnvSettings::kSettingsFile, mState->settingsHandle);
-  return nEnvSettings::gTablePath(mState->settingsHandle);
-}
-
 char const* MXEnvContainerClass::MXERuntimeResolve(char const* templ) {
   if (templ == nullptr) return nullptr;
   static constexpr std::string_view kPlaceholder = "#(MX_BIN)";

@@ -62,8 +62,6 @@ class CORVANTH_EXPORT MXEnvContainerClass {
   enum class tSource { eNone, eEnvironment, eFile };
   // MXEGetEnv, telling also where the value was found.
   char const* fLookup(char const* key, tSource& source);
-  // The settings file MXEGetEnv reads; the empty text when none was found.
-  char const* fSettingsPath();
 
  private:
   struct cState;
