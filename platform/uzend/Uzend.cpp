@@ -2,6 +2,7 @@
 
 #include <iconv.h>
 
+#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <climits>
@@ -50,61 +51,71 @@ bool gIsUtf16(unsigned codePage) { return codePage == 1200 || codePage == 1201; 
 
 enum tDirection { eToWide = 0, eFromWide = 1 };
 
-// Idle descriptors of one code page in one direction. More idle descriptors
-// than this are closed rather than kept.
+constexpr std::size_t kSlotCount = kCodePageCount * 2;  // a code page in each direction
+
+// Descriptors no thread holds. More than this many idle ones of a slot are
+// closed rather than kept.
 constexpr std::size_t kMaxIdle = 64;
 struct cPool {
   std::mutex lock;
   std::vector<iconv_t> idle;
 };
 
-// Never destroyed: a thread may still convert while the process exits.
+// Never destroyed: a thread may still give descriptors back while the process exits.
 cPool* gPools() {
-  static cPool* const pools = new cPool[kCodePageCount * 2];
+  static cPool* const pools = new cPool[kSlotCount];
   return pools;
 }
 
 iconv_t const kNoDescriptor = reinterpret_cast<iconv_t>(-1);
 
-// A descriptor that belongs to the caller until the lease ends.
-class cLease {
- public:
-  cLease(std::size_t index, tDirection direction) : pool_(gPools()[index * 2 + direction]) {
-    {
-      std::lock_guard<std::mutex> guard(pool_.lock);
-      if (!pool_.idle.empty()) {
-        cd_ = pool_.idle.back();
-        pool_.idle.pop_back();
+// The descriptors one thread holds, without a lock since no other thread
+// sees them. When the thread ends they go back to the pool, so threads that
+// come and go reuse them rather than open new ones.
+struct cThreadDescriptors {
+  iconv_t held[kSlotCount];
+  cThreadDescriptors() { std::fill(std::begin(held), std::end(held), kNoDescriptor); }
+  ~cThreadDescriptors() {
+    for (std::size_t slot = 0; slot < kSlotCount; ++slot) {
+      if (held[slot] == kNoDescriptor) continue;
+      cPool& pool = gPools()[slot];
+      std::unique_lock<std::mutex> guard(pool.lock);
+      if (pool.idle.size() < kMaxIdle) {
+        pool.idle.push_back(held[slot]);
+      } else {
+        guard.unlock();
+        ::iconv_close(held[slot]);
       }
     }
-    if (cd_ == kNoDescriptor) {
-      char const* name = kCodePages[index].name;
-      cd_ = direction == eToWide ? ::iconv_open(kWideName, name) : ::iconv_open(name, kWideName);
-    } else {
-      // A call that failed half way may have left shift state behind.
-      ::iconv(cd_, nullptr, nullptr, nullptr, nullptr);
-    }
   }
-  ~cLease() {
-    if (cd_ == kNoDescriptor) return;
-    {
-      std::lock_guard<std::mutex> guard(pool_.lock);
-      if (pool_.idle.size() < kMaxIdle) {
-        pool_.idle.push_back(cd_);
-        return;
-      }
-    }
-    ::iconv_close(cd_);
-  }
-  cLease(cLease const&) = delete;
-  cLease& operator=(cLease const&) = delete;
-
-  iconv_t get() const { return cd_; }
-
- private:
-  cPool& pool_;
-  iconv_t cd_ = kNoDescriptor;
+  cThreadDescriptors(cThreadDescriptors const&) = delete;
+  cThreadDescriptors& operator=(cThreadDescriptors const&) = delete;
 };
+
+// The calling thread's descriptor for a code page and direction, in its
+// initial state; kNoDescriptor when iconv cannot open it.
+iconv_t gDescriptor(std::size_t index, tDirection direction) {
+  thread_local cThreadDescriptors mine;
+  std::size_t const slot = index * 2 + direction;
+  iconv_t& cd = mine.held[slot];
+  if (cd != kNoDescriptor) {
+    // A call that failed half way may have left state behind.
+    ::iconv(cd, nullptr, nullptr, nullptr, nullptr);
+    return cd;
+  }
+  cPool& pool = gPools()[slot];
+  {
+    std::lock_guard<std::mutex> guard(pool.lock);
+    if (!pool.idle.empty()) {
+      cd = pool.idle.back();
+      pool.idle.pop_back();
+      return cd;
+    }
+  }
+  char const* name = kCodePages[index].name;
+  cd = direction == eToWide ? ::iconv_open(kWideName, name) : ::iconv_open(name, kWideName);
+  return cd;
+}
 
 // Length of the maximal part of an ill-formed UTF-8 sequence at `p` that
 // could have begun a character: that part becomes one U+FFFD, as on Win32.
@@ -161,8 +172,8 @@ std::size_t gSkipLength(tDirection direction, unsigned codePage, char const* in,
 std::size_t gConvert(std::size_t index, tDirection direction, char const* source, std::size_t size,
                      char* target, std::size_t targetSize, char const* replacement,
                      std::size_t replacementSize, bool& replaced) {
-  cLease lease(index, direction);
-  if (lease.get() == kNoDescriptor) return kNotFound;
+  iconv_t const cd = gDescriptor(index, direction);
+  if (cd == kNoDescriptor) return kNotFound;
   unsigned const codePage = kCodePages[index].codePage;
   bool const counting = targetSize == 0;
   char scratch[1024];
@@ -184,13 +195,13 @@ std::size_t gConvert(std::size_t index, tDirection direction, char const* source
   // 1255 and 1258 hold back a base letter in case a combining mark follows:
   // it goes out before a replacement and at the end.
   auto const flush = [&]() {
-    while (::iconv(lease.get(), nullptr, nullptr, &out, &outLeft) == static_cast<std::size_t>(-1)) {
+    while (::iconv(cd, nullptr, nullptr, &out, &outLeft) == static_cast<std::size_t>(-1)) {
       if (errno != E2BIG || !makeRoom()) return false;
     }
     return true;
   };
   while (inLeft > 0) {
-    if (::iconv(lease.get(), &in, &inLeft, &out, &outLeft) != static_cast<std::size_t>(-1)) break;
+    if (::iconv(cd, &in, &inLeft, &out, &outLeft) != static_cast<std::size_t>(-1)) break;
     int const error = errno;
     if (error == E2BIG) {
       if (!makeRoom()) return kNotFound;

@@ -24,11 +24,12 @@
 //   code pages 65001, 1200, 1201).
 // - Flags are ignored.
 //
-// Thread safety: both functions may be called from any thread at once. Each
-// code page keeps a small pool of iconv descriptors, opened on first need and
-// reused; a call takes one out under a short lock and gives it back, so no
-// descriptor is used by two threads at a time. Descriptors live until the
-// process ends.
+// Thread safety: both functions may be called from any thread at once. A
+// thread opens an iconv descriptor for a code page and direction on first
+// need and keeps it for its later calls, with no lock; when the thread ends
+// its descriptors go to a shared pool, where the next threads take them
+// rather than open new ones. No descriptor is used by two threads at a time.
+// Descriptors live until the process ends.
 #pragma once
 
 #include "CorvanthExport.h"
