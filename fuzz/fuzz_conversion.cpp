@@ -1,0 +1,102 @@
+// Arbitrary bytes through both rewriters of the code page conversion and
+// through the settings reader. The first byte picks the two code pages, the
+// rest is the text, in a block of its exact size plus the terminator the
+// rewriters take it by, so a rewriter that looks past it is caught. Then all
+// the bytes are the product's kestrun.ini, read through the settings library's
+// public entry under a product home of the fuzzer's own.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "AssociativeArray.h"
+#include "AssociativeArrayExceptions.h"
+#include "KREnvironment.h"
+
+namespace {
+
+unsigned const kCodePages[] = {1252, 65001, 932, 936, 949, 950, 1251, 1200, 1201, 20127, 437, 28591};
+constexpr std::size_t kCount = sizeof kCodePages / sizeof kCodePages[0];
+
+std::string gHome;
+
+void gRemoveHome() {
+  std::error_code ignored;
+  std::filesystem::remove_all(gHome, ignored);
+}
+
+void gReadSettings(std::uint8_t const* data, std::size_t size) {
+  std::string const path = gHome + "/config/kestrun.ini";
+  FILE* file = std::fopen(path.c_str(), "wb");
+  if (file == nullptr) std::abort();
+  if (size != 0 && std::fwrite(data, 1, size, file) != size) std::abort();
+  std::fclose(file);
+
+  MXEnvContainerClass container;
+  int handle = 0;
+  nEnvSettings::gFileInitTable(container, "kestrun.ini", handle);
+  // A key the input itself names: what stands before the first '=' or ':'.
+  std::string_view const bytes(reinterpret_cast<char const*>(data), size);
+  std::string const named(bytes.substr(0, bytes.find_first_of("=:\n")));
+  for (char const* key : {"CorvanthAnsiConversion_patch", named.c_str()}) {
+    char const* const value = nEnvSettings::gGetPropertyStream(handle, key);
+    if (value == nullptr) __builtin_trap();
+    (void)std::strlen(value);
+    if (char const* environment = container.MXEGetEnv(key)) (void)std::strlen(environment);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  char home[] = "/tmp/fuzz_conversion-XXXXXX";
+  if (::mkdtemp(home) == nullptr) std::abort();
+  gHome = home;
+  if (::mkdir((gHome + "/config").c_str(), 0700) != 0) std::abort();
+  ::setenv("KESTRUN_HOME", home, 1);
+  std::atexit(&gRemoveHome);
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+  if (size == 0) return 0;
+  unsigned const source = kCodePages[data[0] % kCount];
+  unsigned const target = kCodePages[data[0] / kCount % kCount];
+  std::size_t const length = size - 1;
+  std::unique_ptr<char[]> const text(new char[length + 1]);
+  std::memcpy(text.get(), data + 1, length);
+  text[length] = '\0';
+
+  RWCString out[2];
+  for (int mode : {1, 2}) {
+    if (!CAssociativeArray::gConvertX1(mode, source, target, text.get(), static_cast<int>(length), out[mode - 1]))
+      __builtin_trap();
+  }
+  RWCString terminated;
+  if (!CAssociativeArray::ConvertZ38(source, target, text.get(), terminated)) __builtin_trap();
+  // Within ASCII, what the reader takes stays a form with as many couples.
+  if (source == 20127 && target == 20127) {
+    CAssociativeArray before;
+    bool read = true;
+    try {
+      before.FromString(text.get(), static_cast<int>(length));
+    } catch (CIllegalAssoSyntaxException const&) {
+      read = false;
+    }
+    if (read) {
+      CAssociativeArray after;
+      after.FromStringRef(out[1]);
+      if (after.entries() != before.entries()) __builtin_trap();
+    }
+  }
+  gReadSettings(data, size);
+  return 0;
+}
