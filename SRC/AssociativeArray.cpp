@@ -63,25 +63,36 @@ void gAppendNumber(std::string& out, long long value) {
   out.append(buffer, result.ptr);
 }
 
-void gAppendTokenHeader(std::string& out, std::size_t length) {
-  out.append(" '", 2);
-  gAppendNumber(out, static_cast<long long>(static_cast<std::int32_t>(length)));
-  out.push_back(' ');
+// " '<length> " at to, which has room for 15 bytes; gives the end.
+char* gWriteTokenHeader(char* to, std::size_t length) {
+  *to++ = ' ';
+  *to++ = '\'';
+  to = std::to_chars(to, to + 11, static_cast<std::int32_t>(length)).ptr;
+  *to++ = ' ';
+  return to;
 }
 
-// atoi as the C library has it: leading white space, a sign, digits up to the
-// first byte that is none; the result taken to 32 bits.
-std::int32_t gAtoi(char const* text) {
-  while (*text == ' ' || (*text >= '\t' && *text <= '\r')) ++text;
+void gAppendTokenHeader(std::string& out, std::size_t length) {
+  char header[16];
+  out.append(header, gWriteTokenHeader(header, length));
+}
+
+// atoi as the C library has it, on [text, end) or up to a zero byte: leading
+// white space, a sign, digits up to the first byte that is none; the result
+// taken to 32 bits.
+std::int32_t gAtoi(char const* text, char const* end) {
+  auto const space = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); };
+  while (text != end && space(*text)) ++text;
   bool negative = false;
-  if (*text == '+' || *text == '-') negative = *text++ == '-';
+  if (text != end && (*text == '+' || *text == '-')) negative = *text++ == '-';
   std::uint64_t value = 0;
-  for (int digits = 0; *text >= '0' && *text <= '9' && digits < 19; ++text, ++digits) {
+  for (int digits = 0; text != end && *text >= '0' && *text <= '9' && digits < 19; ++text, ++digits) {
     value = value * 10 + std::uint64_t(*text - '0');
   }
   if (negative) value = 0 - value;
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(value));
 }
+std::int32_t gAtoi(char const* text) { return gAtoi(text, nullptr); }
 
 std::string gKeyWithIndex(char const* name, int index) {
   std::string key(name != nullptr ? name : "");
@@ -105,19 +116,19 @@ struct cInput {
 };
 
 // A number that ends at the next blank; the position moves past that blank.
-// False for what the reader refuses, whose parameter is then "Error".
+// False for what the reader refuses, whose parameter is then "Error". The
+// field before the blank must be 1 to 18 bytes long, so no more than 19
+// bytes are looked at.
 bool gTryLoadInt(cInput const& in, std::size_t& pos, int& value) noexcept {
   if (pos >= in.size) return false;
-  void const* found = std::memchr(in.text + pos, ' ', in.size - pos);
-  if (found == nullptr) return false;
-  std::size_t const length = std::size_t(static_cast<char const*>(found) - (in.text + pos));
-  if (length < 1 || length > 18) return false;
-  char buffer[20];
-  std::memcpy(buffer, in.text + pos, length);
-  buffer[length] = '\0';
+  char const* const field = in.text + pos;
+  std::size_t const limit = std::min<std::size_t>(in.size - pos, 19);
+  std::size_t length = 0;
+  while (length < limit && field[length] != ' ') ++length;
+  if (length == limit || length == 0) return false;
   pos += length + 1;
-  value = gAtoi(buffer);
-  return value != 0 || (length == 1 && buffer[0] == '0');
+  value = gAtoi(field, field + length);
+  return value != 0 || (length == 1 && field[0] == '0');
 }
 
 int gLoadInt(cInput const& in, std::size_t& pos) {
@@ -621,6 +632,18 @@ void gConvertLeafInto(unsigned sourceCodePage, unsigned targetCodePage, char con
   out.assign(start, ::strnlen(start, std::size_t(written)));
 }
 
+// The size of what gAppendTokenHeader writes.
+std::size_t gTokenHeaderSize(std::size_t length) {
+  std::int32_t const number = static_cast<std::int32_t>(length);
+  std::uint32_t rest = number < 0 ? 0u - static_cast<std::uint32_t>(number) : static_cast<std::uint32_t>(number);
+  std::size_t digits = number < 0 ? 2 : 1;
+  while (rest >= 10) {
+    rest /= 10;
+    ++digits;
+  }
+  return 3 + digits;
+}
+
 std::string_view gUpToZero(std::string_view text) { return text.substr(0, ::strnlen(text.data(), text.size())); }
 
 int gClampedInt(long long value) {
@@ -629,16 +652,32 @@ int gClampedInt(long long value) {
 }
 
 // One rewrite: mended false is gConvertX1Internal, true gConvertX1Internal_patch.
+// The walk lays the result down as pieces: literal bytes, leaves, and the
+// bounds of each value, whose length is known only once its leaves are
+// converted. All leaves are then converted together, each with its
+// terminator, in one call each way, and the result is put together. That
+// gives what converting leaf by leaf gives, since a zero byte stands alone in
+// every code page but the UTF-16 ones, which are converted leaf by leaf.
 class cRewrite {
  public:
   cRewrite(bool mended, unsigned sourceCodePage, unsigned targetCodePage, char const* whole, int wholeLength)
       : mMended(mended), mSource(sourceCodePage), mTarget(targetCodePage), mWhole(whole != nullptr ? whole : ""),
-        mWholeLength(wholeLength) {
+        mWholeLength(wholeLength), mStore(fTakeStore()), mLevels(mStore.levels), mPieces(mStore.pieces),
+        mBytes(mStore.bytes), mLeafText(mStore.leafText), mLeafStarts(mStore.leafStarts),
+        mConverted(mStore.converted), mLeafResults(mStore.leafResults), mBuffers(mStore.buffers) {
     std::size_t const terminated = std::strlen(mWhole);
     mWholeSize = wholeLength > 0 && std::size_t(wholeLength) > terminated ? std::size_t(wholeLength) : terminated;
+    mPieces.clear();
+    mBytes.clear();
+    mLeafText.clear();
+    mLeafStarts.clear();
   }
+  ~cRewrite() { fGiveStoreBack(); }
+  cRewrite(cRewrite const&) = delete;
+  cRewrite& operator=(cRewrite const&) = delete;
 
-  // text holds size bytes, and a zero byte at text[size] or before it.
+  // text holds size bytes. It is read to the end before result is written,
+  // so it may lie in result.
   void fRun(char const* text, std::size_t size, int length, int offset, std::string& result) {
     fPush(text, size, length, offset);
     for (;;) {
@@ -648,25 +687,33 @@ class cRewrite {
         continue;
       }
       if (mDepth == 1) {
-        fFinish(level);
-        result.swap(level.out);
-        return;
+        if (level.leaf) fMakeLeaf(level);
+        break;
       }
-      // The value's conversion is its parent's work: what it raises makes the parent a leaf.
+      // The value's leaf is its parent's work: what that raises makes the parent a leaf.
       cLevel& parent = *mLevels[mDepth - 2];
       --mDepth;
       try {
-        fFinish(level);
-        gAppendTokenHeader(parent.out, level.out.size());
-        parent.out.append(mMended ? std::string_view(level.out) : gUpToZero(level.out));
+        if (level.leaf) fMakeLeaf(level);
+        mPieces.push_back({tKind::eClose, 0, 0});
       } catch (...) {
         fFailed(parent);
       }
     }
+    fConvertLeaves();
+    fAssemble(result);
   }
 
  private:
   enum class tStage { eWalk, eKey, eValue };
+  // eLeafValue: a value that is a leaf, with its header.
+  enum class tKind : unsigned char { eBytes, eLeaf, eLeafValue, eOpen, eClose };
+
+  struct cPiece {
+    tKind kind;
+    std::size_t start;  // eBytes: in mBytes; eLeaf, eLeafValue: the leaf's number
+    std::size_t size;   // eBytes: byte count; eOpen: the value's length, once known
+  };
 
   struct cLevel {
     char const* text = nullptr;
@@ -679,8 +726,58 @@ class cRewrite {
     bool leaf = false;
     bool complete = false;
     tStage stage = tStage::eWalk;
-    std::string out, key, value;
+    std::string_view key, value;  // the last couple's tokens, in the text
+    // What the pieces held when the level began: a leaf drops what came after.
+    std::size_t pieces = 0, bytes = 0, leafText = 0, leaves = 0;
   };
+
+  // The buffers of a rewrite, kept by each thread from one rewrite to the
+  // next. A rewrite started while the thread's store is busy (a log target
+  // that converts) gets a store of its own.
+  struct cStore {
+    bool busy = false;
+    std::vector<std::unique_ptr<cLevel>> levels;
+    std::vector<cPiece> pieces;
+    std::string bytes, leafText;
+    std::vector<std::size_t> leafStarts;
+    std::vector<std::string_view> converted;
+    std::vector<std::string> leafResults;
+    std::vector<std::pair<std::size_t, std::size_t>> open;  // eOpen piece, length so far at it
+    cLeafBuffers buffers;
+  };
+
+  static cStore& fThreadStore() {
+    thread_local cStore store;
+    return store;
+  }
+
+  cStore& fTakeStore() {
+    cStore& store = fThreadStore();
+    if (!store.busy) {
+      store.busy = true;
+      return store;
+    }
+    mOwnStore = std::make_unique<cStore>();
+    return *mOwnStore;
+  }
+
+  // What a very large text made the buffers grow to is not kept.
+  void fGiveStoreBack() noexcept {
+    if (mOwnStore) return;
+    constexpr std::size_t kKept = std::size_t(1) << 20;
+    if (mBytes.capacity() + mLeafText.capacity() + mBuffers.narrow.capacity() +
+            mBuffers.wide.capacity() * sizeof(char16_t) + mPieces.capacity() * sizeof(cPiece) >
+        kKept) {
+      mStore.pieces = {};
+      mStore.bytes = {};
+      mStore.leafText = {};
+      mStore.leafStarts = {};
+      mStore.converted = {};
+      mStore.leafResults = {};
+      mStore.buffers = {};
+    }
+    mStore.busy = false;
+  }
 
   void fPush(char const* text, std::size_t size, int length, int offset) {
     if (mDepth == mLevels.size()) mLevels.push_back(std::make_unique<cLevel>());
@@ -693,7 +790,10 @@ class cRewrite {
     level.index = 0;
     level.leaf = level.complete = false;
     level.stage = tStage::eWalk;
-    level.out.clear();
+    level.pieces = mPieces.size();
+    level.bytes = mBytes.size();
+    level.leafText = mLeafText.size();
+    level.leaves = mLeafStarts.size();
     try {
       cInput const in{text, size};
       if (!gTryLoadInt(in, level.pos, level.count)) return fFault(level, "Error");
@@ -704,9 +804,19 @@ class cRewrite {
                               " input : ", std::string_view(text, size));
         }
       }
-      gAppendNumber(level.out, level.count);
+      std::size_t const before = mBytes.size();
+      gAppendNumber(mBytes, level.count);
+      fAddBytes(before);
     } catch (...) {
       fFailed(level);
+    }
+  }
+
+  void fAddBytes(std::size_t from) {
+    if (!mPieces.empty() && mPieces.back().kind == tKind::eBytes) {
+      mPieces.back().size += mBytes.size() - from;
+    } else {
+      mPieces.push_back({tKind::eBytes, from, mBytes.size() - from});
     }
   }
 
@@ -714,50 +824,156 @@ class cRewrite {
   void fStep(cLevel& level) {
     try {
       if (mMended ? level.index == level.count : level.index >= level.count) {
-        level.out.push_back(' ');
+        mBytes.push_back(' ');
+        fAddBytes(mBytes.size() - 1);
         level.complete = true;
         return;
       }
       cInput const in{level.text, level.size};
-      std::string_view token, fault;
+      std::string_view fault;
+      // Tokens are read in place: no copy, and nothing that could raise.
       level.stage = tStage::eKey;
-      if (!gTryToken(in, level.pos, token, fault)) return fFault(level, fault);
-      level.key.assign(token);
+      if (!gTryToken(in, level.pos, level.key, fault)) return fFault(level, fault);
       level.stage = tStage::eWalk;
-      gAppendTokenHeader(level.out, level.key.size());
-      level.out.append(mMended ? std::string_view(level.key) : gUpToZero(level.key));
+      std::size_t const before = mBytes.size();
+      gAppendTokenHeader(mBytes, level.key.size());
+      mBytes.append(mMended ? level.key : gUpToZero(level.key));
+      fAddBytes(before);
       std::size_t const apostrophe = level.pos;
       level.stage = tStage::eValue;
-      if (!gTryToken(in, level.pos, token, fault)) return fFault(level, fault);
-      level.value.assign(token);
+      if (!gTryToken(in, level.pos, level.value, fault)) return fFault(level, fault);
       level.stage = tStage::eWalk;
       ++level.index;
       // The first rewriter sees a value up to its first zero byte.
-      std::size_t const size = mMended ? level.value.size() : std::strlen(level.value.c_str());
-      fPush(level.value.c_str(), size, static_cast<int>(level.value.size()),
+      std::size_t const size = mMended ? level.value.size() : gUpToZero(level.value).size();
+      // Most values are leaves that do not even begin as a form: no level for them.
+      cInput const value{level.value.data(), size};
+      std::size_t valuePos = 0;
+      int valueCount = 0;
+      if (!gTryLoadInt(value, valuePos, valueCount) || (mMended && valueCount <= 0)) {
+        fTraceFault("Error");
+        fAddLeaf(level.value.data(), size, tKind::eLeafValue);
+        return;
+      }
+      mPieces.push_back({tKind::eOpen, 0, 0});
+      fPush(level.value.data(), size, static_cast<int>(level.value.size()),
             gClampedInt(static_cast<long long>(level.offset) + static_cast<long long>(apostrophe)));
     } catch (...) {
       fFailed(level);
     }
   }
 
-  void fFinish(cLevel& level) {
-    if (level.leaf) {
-      gConvertLeafInto(mSource, mTarget, level.text, ::strnlen(level.text, level.size), mBuffers, level.out);
+  // The level's whole text, up to its first zero byte, in place of what its walk laid down.
+  void fMakeLeaf(cLevel& level) {
+    mPieces.resize(level.pieces);
+    mBytes.resize(level.bytes);
+    mLeafText.resize(level.leafText);
+    mLeafStarts.resize(level.leaves);
+    fAddLeaf(level.text, level.size, tKind::eLeaf);
+  }
+
+  void fAddLeaf(char const* text, std::size_t size, tKind kind) {
+    mPieces.push_back({kind, mLeafStarts.size(), 0});
+    mLeafStarts.push_back(mLeafText.size());
+    mLeafText.append(text, ::strnlen(text, size));
+    mLeafText.push_back('\0');
+  }
+
+  void fConvertLeaves() {
+    mLeafStarts.push_back(mLeafText.size());
+    std::size_t const count = mLeafStarts.size() - 1;
+    mConverted.assign(count, std::string_view());
+    if (count == 0) return;
+    bool const byteCodePages = mSource != 1200 && mSource != 1201 && mTarget != 1200 && mTarget != 1201;
+    if (count > 1 && byteCodePages && fConvertTogether()) return;
+    mLeafResults.resize(count);
+    for (std::size_t i = 0; i < count; ++i) {
+      gConvertLeafInto(mSource, mTarget, mLeafText.data() + mLeafStarts[i], mLeafStarts[i + 1] - mLeafStarts[i] - 1,
+                       mBuffers, mLeafResults[i]);
+      mConverted[i] = mLeafResults[i];
+    }
+  }
+
+  // All leaves in one call each way, the result split at its zero bytes. False
+  // when the split does not give one text per leaf.
+  bool fConvertTogether() {
+    if (mLeafText.size() >= std::size_t(std::numeric_limits<int>::max() / 4)) return false;
+    int const bytes = static_cast<int>(mLeafText.size());
+    auto& wide = mBuffers.wide;
+    auto& narrow = mBuffers.narrow;
+    if (wide.size() < std::size_t(bytes)) wide.resize(std::size_t(bytes));
+    int const units = UL_MultiByteToWideChar(mSource, 0, mLeafText.data(), bytes, wide.data(), bytes, 0, 0);
+    if (units <= 0) return false;
+    std::size_t const room = std::size_t(units) * 4;
+    if (narrow.size() < room) narrow.resize(room);
+    int const written =
+        UL_WideCharToMultiByte(mTarget, 0, wide.data(), units, narrow.data(), static_cast<int>(room), 0, 0);
+    if (written <= 0) return false;
+    std::string_view rest(narrow.data(), std::size_t(written));
+    for (std::string_view& converted : mConverted) {
+      std::size_t const zero = rest.find('\0');
+      if (zero == std::string_view::npos) return false;
+      converted = rest.substr(0, zero);
+      rest.remove_prefix(zero + 1);
+    }
+    return rest.empty();
+  }
+
+  void fAssemble(std::string& result) {
+    // A value's length is known at its end; its header's own length then
+    // counts towards the value around it.
+    auto& open = mStore.open;
+    open.clear();
+    std::size_t length = 0;
+    for (std::size_t i = 0; i < mPieces.size(); ++i) {
+      cPiece& piece = mPieces[i];
+      switch (piece.kind) {
+        case tKind::eBytes: length += piece.size; break;
+        case tKind::eLeaf: length += mConverted[piece.start].size(); break;
+        case tKind::eLeafValue:
+          length += gTokenHeaderSize(mConverted[piece.start].size()) + mConverted[piece.start].size();
+          break;
+        case tKind::eOpen: open.emplace_back(i, length); break;
+        case tKind::eClose: {
+          auto const [at, startLength] = open.back();
+          open.pop_back();
+          mPieces[at].size = length - startLength;
+          length += gTokenHeaderSize(mPieces[at].size);
+          break;
+        }
+      }
+    }
+    result.resize(length);
+    char* to = result.data();
+    auto const put = [&to](std::string_view bytes) {
+      if (!bytes.empty()) std::memcpy(to, bytes.data(), bytes.size());
+      to += bytes.size();
+    };
+    for (cPiece const& piece : mPieces) {
+      switch (piece.kind) {
+        case tKind::eBytes: put(std::string_view(mBytes).substr(piece.start, piece.size)); break;
+        case tKind::eLeafValue: to = gWriteTokenHeader(to, mConverted[piece.start].size()); [[fallthrough]];
+        case tKind::eLeaf: put(mConverted[piece.start]); break;
+        case tKind::eOpen: to = gWriteTokenHeader(to, piece.size); break;
+        case tKind::eClose: break;
+      }
     }
   }
 
   // The reader refused the text: it is a leaf, as the syntax exception would make it.
   void fFault(cLevel& level, std::string_view parameter) {
-    std::string_view const name = mMended ? "gConvertX1Internal_patch" : "";
-    fTraceSyntax(name, [&] { return CIllegalAssoSyntaxException(std::string(parameter).c_str()); });
+    fTraceFault(parameter);
     level.leaf = true;
   }
 
+  void fTraceFault(std::string_view parameter) {
+    fTraceSyntax([&] { return CIllegalAssoSyntaxException(std::string(parameter).c_str()); });
+  }
+
   template <class Make>
-  void fTraceSyntax(std::string_view name, Make const& make) {
+  void fTraceSyntax(Make const& make) {
     if (mMended) {
-      CORVANTH_LOG_FORMAT(nLog::nBasic::sTraceTag_, kSource, name, make().what());
+      CORVANTH_LOG_FORMAT(nLog::nBasic::sTraceTag_, kSource, "gConvertX1Internal_patch", make().what());
     } else {
       CORVANTH_LOG(nLog::nBasic::sTraceTag_, kSource, make().what());
     }
@@ -769,7 +985,7 @@ class cRewrite {
     try {
       throw;
     } catch (CIllegalAssoSyntaxException const& error) {
-      fTraceSyntax("gConvertX1Internal_patch", [&]() -> CIllegalAssoSyntaxException const& { return error; });
+      fTraceSyntax([&]() -> CIllegalAssoSyntaxException const& { return error; });
     } catch (...) {
       try {
         fReportOther(level);
@@ -791,10 +1007,10 @@ class cRewrite {
     }
     if (level.stage == tStage::eKey) {
       CORVANTH_LOG_FORMAT(nLog::nBasic::sErrorTag_, kSource, "gConvertX1Internal_patch gLoadString key", level.index,
-                          std::string_view(level.key));
+                          level.key);
     } else if (level.stage == tStage::eValue) {
       CORVANTH_LOG_FORMAT(nLog::nBasic::sErrorTag_, kSource, "gConvertX1Internal_patch gLoadString value",
-                          level.index, std::string_view(level.value));
+                          level.index, level.value);
     }
     std::string_view const text =
         level.length < 0 ? std::string_view("~~")
@@ -820,9 +1036,17 @@ class cRewrite {
   char const* const mWhole;
   int const mWholeLength;
   std::size_t mWholeSize = 0;
-  std::vector<std::unique_ptr<cLevel>> mLevels;  // stable addresses: a level's text lives in its parent
   std::size_t mDepth = 0;
-  cLeafBuffers mBuffers;
+  std::unique_ptr<cStore> mOwnStore;
+  cStore& mStore;
+  std::vector<std::unique_ptr<cLevel>>& mLevels;  // stable addresses
+  std::vector<cPiece>& mPieces;
+  std::string& mBytes;
+  std::string& mLeafText;                // every leaf with its terminator
+  std::vector<std::size_t>& mLeafStarts;  // where each leaf begins in mLeafText
+  std::vector<std::string_view>& mConverted;
+  std::vector<std::string>& mLeafResults;
+  cLeafBuffers& mBuffers;
 };
 
 }  // namespace
@@ -851,10 +1075,7 @@ bool CAssociativeArray::gConvertX1Internal(unsigned sourceCodePage, unsigned tar
     out.clear();
     return false;
   }
-  // Built aside: text may lie in out.
-  std::string result;
-  cRewrite(false, sourceCodePage, targetCodePage, text, -1).fRun(text, std::strlen(text), -1, 0, result);
-  out.swap(result);
+  cRewrite(false, sourceCodePage, targetCodePage, text, -1).fRun(text, std::strlen(text), -1, 0, out);
   return true;
 }
 
@@ -867,9 +1088,7 @@ bool CAssociativeArray::gConvertX1Internal_patch(unsigned sourceCodePage, unsign
   }
   std::size_t size = std::strlen(text);
   if (length > 0 && std::size_t(length) > size) size = std::size_t(length);
-  std::string result;
-  cRewrite(true, sourceCodePage, targetCodePage, whole, wholeLength).fRun(text, size, length, offset, result);
-  out.swap(result);
+  cRewrite(true, sourceCodePage, targetCodePage, whole, wholeLength).fRun(text, size, length, offset, out);
   return true;
 }
 
