@@ -3,6 +3,9 @@
 // their standard input and output in hand (cChildProcess).
 #pragma once
 
+#include <sys/socket.h>
+
+#include <cerrno>
 #include <filesystem>
 #include <sstream>
 
@@ -69,5 +72,18 @@ inline bool gWaitUntilListening(unsigned short port) {
   }
   return false;
 }
+
+// Open at the far end: every byte that came is taken and no end of stream follows.
+inline bool gPeerOpen(int descriptor) {
+  char buffer[4096];
+  for (int round = 0; round < 1000; ++round) {
+    ssize_t const got = recv(descriptor, buffer, sizeof buffer, MSG_DONTWAIT);
+    if (got < 0) return errno == EAGAIN || errno == EWOULDBLOCK;
+    if (got == 0) return false;
+  }
+  return false;
+}
+
+inline int gDescriptor(StreamSocket const& socket) { return gHandleOf(socket).fHolder()->fDescriptor(); }
 
 }  // namespace corvanth::test

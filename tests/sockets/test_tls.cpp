@@ -55,19 +55,6 @@ struct cTlsPair {
   }
 };
 
-// Open at the far end: every byte that came is taken and no end of stream follows.
-bool gPeerOpen(int descriptor) {
-  char buffer[4096];
-  for (int round = 0; round < kCloseRounds; ++round) {
-    ssize_t const got = recv(descriptor, buffer, sizeof buffer, MSG_DONTWAIT);
-    if (got < 0) return errno == EAGAIN || errno == EWOULDBLOCK;
-    if (got == 0) return false;
-  }
-  return false;
-}
-
-int gDescriptor(StreamSocket const& socket) { return gHandleOf(socket).fHolder()->fDescriptor(); }
-
 TEST(TlsPeers, AgainstOpensslServerAndClientWithAndWithoutClientCertificates) {
   std::string const& certificates = gCertificates();
   for (bool const verify : {false, true}) {
