@@ -39,6 +39,10 @@
 #include "basesocket.h"
 #include "streamsocket.h"
 
+// local message transport
+#include "NVSMSG.h"
+#include "WinMsg.h"
+
 // containers
 #include "rwassoc.h"
 #include "rwcollect.h"

@@ -29,6 +29,7 @@
 #include "CorvanthUtil.h"
 #include "corvanth_net.h"
 #include "corvanth_text.h"
+#include "corvanth_window.h"
 
 namespace {
 
@@ -46,7 +47,7 @@ int gUsage(FILE* out) {
       "               own; on SIGINT, SIGTERM, the time-out or when all have ended, kill them\n"
       "               newest first, each with the processes it started, and print each kill\n"
       "               step's outcome (exit 1 unless every kill step succeeded)\n"
-      "%s%s%s"
+      "%s%s%s%s"
       "  help         print this text\n"
       "\n"
       "environment:\n"
@@ -54,7 +55,7 @@ int gUsage(FILE* out) {
       "                     (comma list, 'all' or 'none'; default: errors,warnings)\n"
       "  CORVANTH_LOG_FILE  append log records to this file instead of standard error\n",
       nCorvanthTool::gNetUsage().c_str(), nCorvanthTool::gSettingsUsage().c_str(),
-      nCorvanthTool::gConvertUsage().c_str());
+      nCorvanthTool::gConvertUsage().c_str(), nCorvanthTool::gWindowUsage().c_str());
   return out == stdout ? 0 : 2;
 }
 
@@ -261,6 +262,9 @@ int main(int argc, char** argv) {
   if (command == "send") return nCorvanthTool::gSend(argc, argv);
   if (command == "local_thr") return nCorvanthTool::gLocalThr(argc, argv);
   if (command == "remote_thr") return nCorvanthTool::gRemoteThr(argc, argv);
+  if (command == "local_lat") return nCorvanthTool::gLocalLat(argc, argv);
+  if (command == "remote_lat") return nCorvanthTool::gRemoteLat(argc, argv);
+  if (command == "window") return nCorvanthTool::gWindow(argc, argv);
   if (command == "settings") return nCorvanthTool::gSettings(argc, argv);
   if (command == "convert") return nCorvanthTool::gConvert(argc, argv);
   std::fprintf(stderr, "corvanth: unknown command '%s'\n\n", argv[1]);

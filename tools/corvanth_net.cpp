@@ -634,4 +634,14 @@ int gRemoteThr(int argc, char** argv) {
   });
 }
 
+int gLocalLat(int, char**) {
+  std::fprintf(stderr, "corvanth: local_lat is not built yet\n");
+  return 1;
+}
+
+int gRemoteLat(int, char**) {
+  std::fprintf(stderr, "corvanth: remote_lat is not built yet\n");
+  return 1;
+}
+
 }  // namespace nCorvanthTool

@@ -16,5 +16,7 @@ int gServe(int argc, char** argv);
 int gSend(int argc, char** argv);
 int gLocalThr(int argc, char** argv);
 int gRemoteThr(int argc, char** argv);
+int gLocalLat(int argc, char** argv);
+int gRemoteLat(int argc, char** argv);
 
 }  // namespace nCorvanthTool

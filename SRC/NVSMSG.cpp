@@ -1,0 +1,2 @@
+// The local message transport.
+#include "NVSMSG.h"

@@ -1,0 +1,1 @@
+// Windows on Unix-domain sockets.
