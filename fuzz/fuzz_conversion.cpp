@@ -54,6 +54,58 @@ void gReadSettings(std::uint8_t const* data, std::size_t size) {
   }
 }
 
+// Both rewrites as their algorithm is written: recursive, leaf by leaf through
+// gConvertLeaf. The library's walk, which converts all leaves at once, must
+// give the same bytes.
+struct cReference {
+  unsigned source, target;
+  bool mended;
+
+  static bool fInt(std::string_view text, std::size_t& pos, int& value) {
+    std::size_t const blank = text.find(' ', pos);
+    if (blank == std::string_view::npos || blank == pos || blank - pos > 18) return false;
+    std::string const field(text.substr(pos, blank - pos));
+    pos = blank + 1;
+    value = static_cast<int>(static_cast<std::uint32_t>(std::strtol(field.c_str(), nullptr, 10)));
+    return value != 0 || field == "0";
+  }
+  static bool fToken(std::string_view text, std::size_t& pos, std::string_view& token) {
+    int length = 0;
+    if (pos >= text.size() || text[pos] != '\'' || !fInt(text, ++pos, length) || length < 0 ||
+        std::size_t(length) > text.size() - pos)
+      return false;
+    token = text.substr(pos, std::size_t(length));
+    pos += std::size_t(length) + 1;
+    return true;
+  }
+  static std::string_view fUpToZero(std::string_view text) { return text.substr(0, std::strlen(std::string(text).c_str())); }
+
+  std::string fLeaf(std::string_view text) const {
+    std::string const terminated(fUpToZero(text));
+    int const size = CAssociativeArray::gConvertLeaf(source, target, terminated.c_str(), -1, nullptr, 0);
+    if (size <= 0) return "";
+    std::string out(std::size_t(size), '\0');
+    CAssociativeArray::gConvertLeaf(source, target, terminated.c_str(), -1, out.data(), size);
+    return std::string(fUpToZero(out));
+  }
+  std::string fRewrite(std::string_view text) const {
+    std::size_t pos = 0;
+    int count = 0;
+    if (!fInt(text, pos, count) || (mended && count <= 0)) return fLeaf(text);
+    std::string out = std::to_string(count);
+    for (int i = 0; i < count; ++i) {
+      std::string_view key, value;
+      if (!fToken(text, pos, key)) return fLeaf(text);
+      out += " '" + std::to_string(key.size()) + " ";
+      out += mended ? key : fUpToZero(key);
+      if (!fToken(text, pos, value)) return fLeaf(text);
+      std::string const converted = fRewrite(mended ? value : fUpToZero(value));
+      out += " '" + std::to_string(converted.size()) + " " + converted;
+    }
+    return out + " ";
+  }
+};
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -79,6 +131,13 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   for (int mode : {1, 2}) {
     if (!CAssociativeArray::gConvertX1(mode, source, target, text.get(), static_cast<int>(length), out[mode - 1]))
       __builtin_trap();
+  }
+  // gConvertLeaf takes a UTF-16 text to its zero unit, which these texts lack.
+  bool const wide = source == 1200 || source == 1201;
+  for (bool mended : {false, true}) {
+    if (wide) break;
+    std::string_view const input(text.get(), mended ? length : std::strlen(text.get()));
+    if (cReference{source, target, mended}.fRewrite(input) != out[mended ? 1 : 0]) __builtin_trap();
   }
   RWCString terminated;
   if (!CAssociativeArray::ConvertZ38(source, target, text.get(), terminated)) __builtin_trap();
