@@ -552,11 +552,11 @@ void CAssociativeArray::FromStringZTS(char const* text) { fRead(text, text != nu
 // --- text conversion at the border ------------------------------------------
 //
 // The rewriters walk a text as the reader does; a text that does not read as a
-// form is a leaf and is converted whole. The reference walk finds a leaf by the
-// reader's syntax exception, one per leaf value; here the reader's checks give
-// the same fault without raising, and the trace statement that carries the
-// exception's text is still written, the exception being built only when that
-// statement is on. The walk keeps its own stack of levels, so nesting is
+// form is a leaf and is converted whole. Telling a leaf by the reader's syntax
+// exception would cost one exception per leaf value: here the reader's checks
+// give the same fault without raising, and the trace statement with the
+// exception's text is still written, the exception being built only when
+// that statement is on. The walk keeps its own stack of levels, so nesting is
 // bounded by the input and not by the thread's stack.
 
 namespace {
