@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <chrono>
 #include <cstddef>
 #include <cstring>
@@ -38,6 +39,7 @@ constexpr std::size_t kFirstBlock = 256 * 1024;
 // keep the owner from the others.
 constexpr std::size_t kRoundBudget = 256 * 1024;
 constexpr std::size_t kStagingSize = 64 * 1024;
+constexpr std::size_t kLarge = 16 * 1024;
 constexpr int kAcceptsPerRound = 64;
 constexpr std::uint32_t kAcknowledged = 1;
 
@@ -143,6 +145,7 @@ struct cConnection {
   char* data = nullptr;
   std::size_t capacity = 0;
   std::size_t have = 0;
+  bool lastWasLarge = false;
 
   ~cConnection() {
     delete[] data;
@@ -206,9 +209,9 @@ class cThreadQueue {
     window->owner.store(nullptr, std::memory_order_release);
   }
 
-  // Drops every window, connection and queued message; `close` is false in a
-  // forked child, whose copies of the descriptors are closed all the same but
-  // whose windows still belong to the parent.
+  // Drops every window, connection and queued message. In a forked child
+  // (ownedHere false) only the copies of the descriptors are closed: the
+  // windows stay the parent's.
   void fForgetAll(bool ownedHere) {
     for (HWND window : mWindows) {
       if (ownedHere) window->owner.store(nullptr, std::memory_order_release);
@@ -223,31 +226,32 @@ class cThreadQueue {
 
   void fQueue(MSG const& msg) { mQueue.push_back(cEntry{msg, 0}); }
 
-  // The first queued message that passes the filter; null when none.
-  cEntry* fFind(HWND window, UINT first, UINT last) {
-    for (cEntry& entry : mQueue) {
-      if (window != nullptr && entry.msg.hwnd != window) continue;
-      UINT m = entry.msg.message;
-      if ((first == 0 && last == 0) || m == WM_QUIT || (m >= first && m <= last)) return &entry;
-    }
-    return nullptr;
-  }
+  using tEntries = std::deque<cEntry>;
 
-  MSG fTake(cEntry* entry) {
-    MSG msg = entry->msg;
-    std::uint64_t to = entry->acknowledgeTo;
-    mQueue.erase(mQueue.begin() + (entry - &mQueue.front()));
-    if (to != 0) {
-      for (auto const& connection : mConnections) {
-        if (connection->id != to) continue;
-        char const byte = static_cast<char>(kAcknowledged);
-        // A sender that gave up has closed its end; the message stays delivered.
-        ssize_t sent;
-        do {
-          sent = ::send(connection->fd, &byte, 1, MSG_NOSIGNAL | MSG_DONTWAIT);
-        } while (sent < 0 && errno == EINTR);
-        break;
-      }
+  // The first queued message that passes the filter; end() when none.
+  tEntries::iterator fFind(HWND window, UINT first, UINT last) {
+    return std::find_if(mQueue.begin(), mQueue.end(), [=](cEntry const& entry) {
+      if (window != nullptr && entry.msg.hwnd != window) return false;
+      UINT const m = entry.msg.message;
+      return (first == 0 && last == 0) || m == WM_QUIT || (m >= first && m <= last);
+    });
+  }
+  bool fFound(tEntries::iterator at) const { return at != mQueue.end(); }
+
+  MSG fTake(tEntries::iterator at) {
+    MSG const msg = at->msg;
+    std::uint64_t const to = at->acknowledgeTo;
+    mQueue.erase(at);
+    if (to == 0) return msg;
+    for (auto const& connection : mConnections) {
+      if (connection->id != to) continue;
+      char const byte = static_cast<char>(kAcknowledged);
+      // A sender that gave up has closed its end; the message stays delivered.
+      ssize_t sent;
+      do {
+        sent = ::send(connection->fd, &byte, 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+      } while (sent < 0 && errno == EINTR);
+      break;
     }
     return msg;
   }
@@ -324,30 +328,41 @@ class cThreadQueue {
     if (!mStaging) mStaging = std::make_unique<char[]>(kStagingSize);
     std::size_t budget = kRoundBudget;
     while (budget > 0) {
-      char* into;
-      std::size_t room;
-      bool direct = c.inData && c.header.cbData - c.have >= kStagingSize / 4;
-      if (direct) {
+      // Large records are read straight into their block, and the header in
+      // front of one (when the last record was large too) on its own, so their
+      // bytes are not copied through the staging buffer.
+      enum { eStaging, eHeader, eData } into = eStaging;
+      char* at = mStaging.get();
+      std::size_t room = std::min(kStagingSize, budget);
+      if (c.inData && c.header.cbData - c.have >= kLarge) {
         fGrow(c);
-        into = c.data + c.have;
+        into = eData;
+        at = c.data + c.have;
         room = std::min<std::size_t>(c.capacity - c.have, budget);
-      } else {
-        into = mStaging.get();
-        room = std::min(kStagingSize, budget);
+      } else if (!c.inData && c.lastWasLarge) {
+        into = eHeader;
+        at = reinterpret_cast<char*>(&c.header) + c.headerHave;
+        room = kHeaderSize - c.headerHave;
       }
-      ssize_t got = ::recv(c.fd, into, room, MSG_DONTWAIT);
+      ssize_t got = ::recv(c.fd, at, room, MSG_DONTWAIT);
       if (got < 0) {
         if (errno == EINTR) continue;
         return errno == EAGAIN || errno == EWOULDBLOCK;
       }
       if (got == 0) return false;  // a record cut short is dropped with its peer
-      budget -= static_cast<std::size_t>(got);
-      if (direct) {
-        c.have += static_cast<std::size_t>(got);
+      auto const count = static_cast<std::size_t>(got);
+      budget -= count;
+      if (into == eData) {
+        c.have += count;
         if (c.have == c.header.cbData) fComplete(c);
-      } else if (!fParse(c, mStaging.get(), static_cast<std::size_t>(got))) {
+      } else if (into == eHeader) {
+        c.headerHave += count;
+        if (c.headerHave == kHeaderSize && !fHeaderDone(c)) return false;
+      } else if (!fParse(c, mStaging.get(), count)) {
         return false;
       }
+      // A short read emptied the socket; asking again would only say so.
+      if (count < room) break;
     }
     return true;
   }
@@ -370,33 +385,36 @@ class cThreadQueue {
         c.headerHave += take;
         bytes += take;
         count -= take;
-        if (c.headerHave < kHeaderSize) return true;
-        cWireHeader const& h = c.header;
-        bool copyData = h.message == WM_COPYDATA;
-        if ((h.kind != kPost && h.kind != kSend) || (copyData && h.kind == kPost) ||
-            (!copyData && (h.cbData != 0 || h.dwData != 0))) {
-          CORVANTH_LOG(nLog::nBasic::sWarningTag_, kSource,
-                       "malformed record on window " << fName(c.window) << ": kind " << h.kind << " message "
-                                                     << h.message << "; connection closed");
-          return false;
-        }
-        c.inData = true;
-        c.have = 0;
-        c.capacity = 0;
-        c.data = nullptr;
-        if (h.cbData == 0) {
-          if (copyData) c.data = new char[0];
-          fComplete(c);
-        }
+        if (c.headerHave == kHeaderSize && !fHeaderDone(c)) return false;
         continue;
       }
       fGrow(c);
-      std::size_t take = std::min({c.capacity - c.have, count});
+      std::size_t take = std::min(c.capacity - c.have, count);
       std::memcpy(c.data + c.have, bytes, take);
       c.have += take;
       bytes += take;
       count -= take;
       if (c.have == c.header.cbData) fComplete(c);
+    }
+    return true;
+  }
+
+  // Checks a complete header and starts its record; false when it is malformed.
+  bool fHeaderDone(cConnection& c) {
+    cWireHeader const& h = c.header;
+    bool const copyData = h.message == WM_COPYDATA;
+    if ((h.kind != kPost && h.kind != kSend) || (copyData && h.kind == kPost) ||
+        (!copyData && (h.cbData != 0 || h.dwData != 0))) {
+      CORVANTH_LOG(nLog::nBasic::sWarningTag_, kSource,
+                   "malformed record on window " << fName(c.window) << ": kind " << h.kind << " message " << h.message
+                                                 << "; connection closed");
+      return false;
+    }
+    c.inData = true;
+    c.lastWasLarge = h.cbData >= kLarge;
+    if (h.cbData == 0) {
+      if (copyData) c.data = new char[0];
+      fComplete(c);
     }
     return true;
   }
@@ -425,7 +443,7 @@ class cThreadQueue {
   std::vector<HWND> mWindows;
   std::vector<int> mListeners;  // parallel to mWindows
   std::vector<std::unique_ptr<cConnection>> mConnections;
-  std::deque<cEntry> mQueue;
+  tEntries mQueue;
   std::vector<pollfd> mPoll;
   std::unique_ptr<char[]> mStaging;
   std::uint64_t mNextId = 0;
@@ -446,24 +464,36 @@ cThreadQueue& gOwnQueueMade() {
 // answer outstanding on it; a send that gives up closes it, so a late answer
 // can never be taken for the next one.
 
+// A kept connection is blocking (writes say MSG_DONTWAIT): the answer is
+// awaited in one recv under SO_RCVTIMEO, which is set again only when the
+// time left differs from the last setting by more than kTimeOutSlack.
+struct cLink {
+  int fd = -1;
+  int receiveTimeOutMs = 0;
+};
+constexpr int kTimeOutSlack = 2;
+
 struct cSenderConnections {
-  std::unordered_map<HWND, int> byWindow;
-  ~cSenderConnections() {
-    for (auto const& [window, fd] : byWindow) gCloseFd(fd);
-  }
+  std::unordered_map<HWND, cLink> byWindow;
+  ~cSenderConnections() { fDropAll(); }
   void fDrop(HWND window) {
     auto at = byWindow.find(window);
     if (at == byWindow.end()) return;
-    gCloseFd(at->second);
+    gCloseFd(at->second.fd);
     byWindow.erase(at);
+  }
+  void fDropAll() {
+    for (auto const& [window, link] : byWindow) gCloseFd(link.fd);
+    byWindow.clear();
   }
 };
 
 thread_local cSenderConnections tSenders;
 
-// Connects to the window's endpoint. A full backlog is waited for up to the
-// deadline (the kernel waits for us with a send time-out); without a deadline
-// it counts as there. -1 when nobody listens.
+// Connects to the window's endpoint (blocking, for the connection's later
+// use). A full backlog is waited for up to the deadline (the kernel waits for
+// us under SO_SNDTIMEO); without a deadline it does not wait and sets `busy`.
+// -1 when nobody listens.
 int gConnect(HWND window, tClock::time_point const* deadline, bool* busy = nullptr) {
   sockaddr_un address;
   socklen_t length = 0;
@@ -484,12 +514,26 @@ int gConnect(HWND window, tClock::time_point const* deadline, bool* busy = nullp
     gCloseFd(fd);
     return -1;
   }
-  if (deadline != nullptr) {
-    timeval none{0, 0};
-    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &none, sizeof none);
-    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
-  }
+  if (deadline == nullptr) ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
   return fd;
+}
+
+// Waits for the owner's one-byte answer until the deadline.
+bool gAwaitAnswer(cLink& link, tClock::time_point deadline) {
+  for (;;) {
+    int const ms = gRemainingMs(deadline);
+    if (ms == 0) return false;
+    if (std::abs(ms - link.receiveTimeOutMs) > kTimeOutSlack) {
+      timeval wait{ms / 1000, (ms % 1000) * 1000};
+      if (::setsockopt(link.fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait) != 0) return false;
+      link.receiveTimeOutMs = ms;
+    }
+    char byte = 0;
+    ssize_t const got = ::recv(link.fd, &byte, 1, 0);
+    if (got == 1) return byte == static_cast<char>(kAcknowledged);
+    if (got == 0) return false;  // the owner went away
+    if (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK) return false;
+  }
 }
 
 // Writes all of the pieces before the deadline; false on time-out or error.
@@ -525,49 +569,42 @@ bool gWriteAll(int fd, iovec* pieces, int count, tClock::time_point deadline) {
 // also waits for the owner's acknowledgement.
 bool gDeliver(HWND window, cWireHeader const& header, void const* bytes, bool wait, tClock::time_point deadline) {
   for (int attempt = 0; attempt < 2; ++attempt) {
-    bool cached = false;
-    int fd;
-    if (auto at = tSenders.byWindow.find(window); at != tSenders.byWindow.end()) {
-      fd = at->second;
-      cached = true;
-    } else {
-      fd = gConnect(window, &deadline);
+    auto at = tSenders.byWindow.find(window);
+    bool const cached = at != tSenders.byWindow.end();
+    if (!cached) {
+      int const fd = gConnect(window, &deadline);
       if (fd < 0) return false;
-      tSenders.byWindow[window] = fd;
+      at = tSenders.byWindow.emplace(window, cLink{fd, 0}).first;
     }
+    cLink& link = at->second;
     iovec pieces[2] = {{const_cast<cWireHeader*>(&header), kHeaderSize},
                        {const_cast<void*>(bytes), header.cbData}};
-    if (!wait) {
+    int const count = header.cbData != 0 ? 2 : 1;
+    bool written;
+    if (wait) {
+      written = gWriteAll(link.fd, pieces, count, deadline);
+    } else {
       // A post never waits: a full socket is a full queue.
       msghdr message{};
       message.msg_iov = pieces;
-      message.msg_iovlen = header.cbData != 0 ? 2 : 1;
+      message.msg_iovlen = static_cast<std::size_t>(count);
       ssize_t sent;
       do {
-        sent = ::sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        sent = ::sendmsg(link.fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
       } while (sent < 0 && errno == EINTR);
-      if (sent == static_cast<ssize_t>(kHeaderSize + header.cbData)) return true;
-      tSenders.fDrop(window);
-      // A connection kept from before that the owner has since closed.
-      if (sent < 0 && cached && (errno == EPIPE || errno == ECONNRESET)) continue;
-      return false;
+      written = sent == static_cast<ssize_t>(kHeaderSize + header.cbData);
+      if (sent >= 0 && !written) errno = EAGAIN;
     }
-    if (!gWriteAll(fd, pieces, header.cbData != 0 ? 2 : 1, deadline)) {
-      int error = errno;
+    if (!written) {
+      int const error = errno;
       tSenders.fDrop(window);
+      // A connection kept from before that the owner has since closed: nothing
+      // was delivered on it, so one fresh connection may try again.
       if (cached && (error == EPIPE || error == ECONNRESET)) continue;
       return false;
     }
-    for (;;) {
-      pollfd answer{fd, POLLIN, 0};
-      int ms = gRemainingMs(deadline);
-      if (ms == 0 || gPollRetrying(&answer, 1, ms) <= 0) break;
-      char byte = 0;
-      ssize_t got = ::recv(fd, &byte, 1, MSG_DONTWAIT);
-      if (got == 1 && byte == static_cast<char>(kAcknowledged)) return true;
-      if (got < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) continue;
-      break;  // the owner went away, or answered nonsense
-    }
+    if (!wait) return true;
+    if (gAwaitAnswer(link, deadline)) return true;
     tSenders.fDrop(window);
     return false;
   }
@@ -585,8 +622,7 @@ void gForkChild() {
   for (auto const& [address, window] : registry.byAddress) window->owner.store(nullptr, std::memory_order_relaxed);
   registry.mutex.unlock();
   if (tQueue) tQueue->fForgetAll(false);
-  for (auto const& [window, fd] : tSenders.byWindow) gCloseFd(fd);
-  tSenders.byWindow.clear();
+  tSenders.fDropAll();
 }
 
 void gInstallForkHandler() {
@@ -645,14 +681,14 @@ BOOL IsWindow(HWND window) {
   if (auto at = tSenders.byWindow.find(window); at != tSenders.byWindow.end()) {
     // Between sends nothing may arrive on a kept connection: anything readable
     // is the owner's end of stream.
-    pollfd look{at->second, POLLIN, 0};
+    pollfd look{at->second.fd, POLLIN, 0};
     if (gPollRetrying(&look, 1, 0) == 0) return 1;
     tSenders.fDrop(window);
   }
   bool busy = false;
   int fd = gConnect(window, nullptr, &busy);
   if (fd < 0) return busy ? 1 : 0;
-  tSenders.byWindow[window] = fd;
+  tSenders.byWindow[window] = cLink{fd, 0};
   return 1;
 }
 
@@ -699,9 +735,9 @@ BOOL PeekMessageA(MSG* message, HWND window, UINT first, UINT last, UINT flags) 
   cThreadQueue* queue = gOwnQueue();
   if (message == nullptr || queue == nullptr || (window != nullptr && !queue->fOwns(window))) return 0;
   queue->fPump(0);
-  cEntry* entry = queue->fFind(window, first, last);
-  if (entry == nullptr) return 0;
-  *message = (flags & PM_REMOVE) ? queue->fTake(entry) : entry->msg;
+  auto const at = queue->fFind(window, first, last);
+  if (!queue->fFound(at)) return 0;
+  *message = (flags & PM_REMOVE) ? queue->fTake(at) : at->msg;
   return 1;
 }
 
@@ -713,8 +749,8 @@ BOOL GetMessageA(MSG* message, HWND window, UINT first, UINT last) {
     return -1;
   }
   for (;;) {
-    if (cEntry* entry = queue->fFind(window, first, last)) {
-      *message = queue->fTake(entry);
+    if (auto const at = queue->fFind(window, first, last); queue->fFound(at)) {
+      *message = queue->fTake(at);
       return message->message == WM_QUIT ? 0 : 1;
     }
     queue->fPump(-1);
