@@ -124,10 +124,16 @@ bool gTryLoadInt(cInput const& in, std::size_t& pos, int& value) noexcept {
   char const* const field = in.text + pos;
   std::size_t const limit = std::min<std::size_t>(in.size - pos, 19);
   std::size_t length = 0;
-  while (length < limit && field[length] != ' ') ++length;
+  std::uint64_t digits = 0;  // the field's value while it holds digits only
+  bool plain = true;
+  for (; length < limit && field[length] != ' '; ++length) {
+    unsigned const digit = static_cast<unsigned char>(field[length]) - unsigned('0');
+    plain = plain && digit < 10;
+    digits = digits * 10 + digit;
+  }
   if (length == limit || length == 0) return false;
   pos += length + 1;
-  value = gAtoi(field, field + length);
+  value = plain ? static_cast<std::int32_t>(static_cast<std::uint32_t>(digits)) : gAtoi(field, field + length);
   return value != 0 || (length == 1 && field[0] == '0');
 }
 
