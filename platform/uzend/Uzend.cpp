@@ -169,6 +169,11 @@ std::size_t gSkipLength(tDirection direction, unsigned codePage, char const* in,
 // Converts `size` bytes at `source` into `target`, or counts the bytes the
 // result needs when `targetSize` is 0. Gives the byte count, or kNotFound
 // when the target is too small or no descriptor opens.
+//
+// Counting goes through a scratch block. So does the end of a conversion into
+// a real target once iconv finds too little room there: some converters
+// (EUC-JP) ask for room for their longest character even when the next one
+// is shorter, so an exact target must take the tail from the scratch.
 std::size_t gConvert(std::size_t index, tDirection direction, char const* source, std::size_t size,
                      char* target, std::size_t targetSize, char const* replacement,
                      std::size_t replacementSize, bool& replaced) {
@@ -177,19 +182,32 @@ std::size_t gConvert(std::size_t index, tDirection direction, char const* source
   unsigned const codePage = kCodePages[index].codePage;
   bool const counting = targetSize == 0;
   char scratch[1024];
-  char* const base = counting ? scratch : target;
-  std::size_t const capacity = counting ? sizeof scratch : targetSize;
-  char* in = const_cast<char*>(source);  // iconv's prototype; it never writes the input
-  std::size_t inLeft = size;
-  char* out = base;
-  std::size_t outLeft = capacity;
-  std::size_t total = 0;
-  // Only counting may start the scratch afresh; a real target that is full fails the call.
+  bool staged = counting;
+  char* out = staged ? scratch : target;
+  std::size_t outLeft = staged ? sizeof scratch : targetSize;
+  char* tail = target;  // where staged bytes go in a real target
+  std::size_t tailLeft = targetSize;
+  std::size_t total = 0;  // bytes moved out of the scratch
+  // Empties the scratch (the first time for a real target: starts staging);
+  // false when the target cannot take what the scratch holds.
   auto const makeRoom = [&]() {
-    if (!counting) return false;
-    total += static_cast<std::size_t>(out - base);
-    out = base;
-    outLeft = capacity;
+    if (!staged) {
+      staged = true;
+      total = static_cast<std::size_t>(out - target);
+      tail = out;
+      tailLeft = outLeft;
+    } else {
+      std::size_t const produced = static_cast<std::size_t>(out - scratch);
+      if (!counting) {
+        if (produced > tailLeft) return false;
+        std::memcpy(tail, scratch, produced);
+        tail += produced;
+        tailLeft -= produced;
+      }
+      total += produced;
+    }
+    out = scratch;
+    outLeft = sizeof scratch;
     return true;
   };
   // 1255 and 1258 hold back a base letter in case a combining mark follows:
@@ -200,6 +218,8 @@ std::size_t gConvert(std::size_t index, tDirection direction, char const* source
     }
     return true;
   };
+  char* in = const_cast<char*>(source);  // iconv's prototype; it never writes the input
+  std::size_t inLeft = size;
   while (inLeft > 0) {
     if (::iconv(cd, &in, &inLeft, &out, &outLeft) != static_cast<std::size_t>(-1)) break;
     int const error = errno;
@@ -218,7 +238,8 @@ std::size_t gConvert(std::size_t index, tDirection direction, char const* source
     replaced = true;
   }
   if (!flush()) return kNotFound;
-  return total + static_cast<std::size_t>(out - base);
+  if (!staged) return static_cast<std::size_t>(out - target);
+  return makeRoom() ? total : kNotFound;
 }
 
 std::size_t gWideLength(char16_t const* text) {

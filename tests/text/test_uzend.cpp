@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <optional>
 #include <string>
@@ -98,6 +99,39 @@ TEST(Uzend, CountsTerminatorsSizesAndRefusesWhatWin32Refuses) {
   std::u16string const long_wide = gToWide(65001, long_utf8);
   EXPECT_EQ(long_wide, std::u16string(3000, u'\u4E2D'));
   EXPECT_EQ(gFromWide(65001, long_wide), long_utf8);
+}
+
+// Any bytes and any 16-bit units, in every code page: exact targets take the
+// whole result, one unit short takes nothing, and nothing is touched outside.
+TEST(Uzend, EveryCodePageTakesAnyInputWithinItsBuffers) {
+  std::vector<unsigned> codePages = {437,   850,   866,   874,   932,   936,   949,   950,   1200,  1201,
+                                     1361,  10000, 20127, 20866, 21866, 51932, 51949, 54936, 65001};
+  for (unsigned page = 1250; page <= 1258; ++page) codePages.push_back(page);
+  for (unsigned page = 28591; page <= 28605; ++page) {
+    if (page != 28602) codePages.push_back(page);
+  }
+  std::string bytes;
+  std::u16string units;
+  for (unsigned i = 0, x = 1; i < 1024; ++i) {
+    x = x * 1103515245 + 12345;
+    bytes += char(x >> 16);
+    units += char16_t(x >> 8);
+  }
+  for (unsigned codePage : codePages) {
+    SCOPED_TRACE(codePage);
+    int const count = UL_MultiByteToWideChar(codePage, 0, bytes.data(), int(bytes.size()), nullptr, 0, 0, 0);
+    std::vector<char16_t> exact(std::size_t(std::max(count, 1))), shorter(exact.size() - 1);
+    EXPECT_GT(count, 0);
+    EXPECT_EQ(UL_MultiByteToWideChar(codePage, 0, bytes.data(), int(bytes.size()), exact.data(), count, 0, 0), count);
+    EXPECT_EQ(UL_MultiByteToWideChar(codePage, 0, bytes.data(), int(bytes.size()), shorter.data(),
+                                     int(shorter.size()), 0, 0), 0);
+    int const size = UL_WideCharToMultiByte(codePage, 0, units.data(), int(units.size()), nullptr, 0, 0, 0);
+    std::vector<char> exactBytes(std::size_t(std::max(size, 1))), shorterBytes(exactBytes.size() - 1);
+    EXPECT_GT(size, 0);
+    EXPECT_EQ(UL_WideCharToMultiByte(codePage, 0, units.data(), int(units.size()), exactBytes.data(), size, 0, 0), size);
+    EXPECT_EQ(UL_WideCharToMultiByte(codePage, 0, units.data(), int(units.size()), shorterBytes.data(),
+                                     int(shorterBytes.size()), 0, 0), 0);
+  }
 }
 
 struct cSample {
