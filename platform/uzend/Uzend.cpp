@@ -10,6 +10,7 @@
 #include <cstring>
 #include <iterator>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -21,22 +22,23 @@ struct cCodePageName {
 
 // 28602 (ISO-8859-12) never existed, so it stays unknown.
 constexpr cCodePageName kCodePages[] = {
-    {1250, "CP1250"},        {1251, "CP1251"},        {1252, "CP1252"},       {1253, "CP1253"},
-    {1254, "CP1254"},        {1255, "CP1255"},        {1256, "CP1256"},       {1257, "CP1257"},
-    {1258, "CP1258"},        {437, "CP437"},          {850, "CP850"},         {866, "CP866"},
-    {874, "CP874"},          {932, "CP932"},          {936, "CP936"},         {949, "CP949"},
-    {950, "CP950"},          {1361, "JOHAB"},         {10000, "MACINTOSH"},   {20127, "ASCII"},
-    {20866, "KOI8-R"},       {21866, "KOI8-U"},       {28591, "ISO-8859-1"},  {28592, "ISO-8859-2"},
-    {28593, "ISO-8859-3"},   {28594, "ISO-8859-4"},   {28595, "ISO-8859-5"},  {28596, "ISO-8859-6"},
-    {28597, "ISO-8859-7"},   {28598, "ISO-8859-8"},   {28599, "ISO-8859-9"},  {28600, "ISO-8859-10"},
-    {28601, "ISO-8859-11"},  {28603, "ISO-8859-13"},  {28604, "ISO-8859-14"}, {28605, "ISO-8859-15"},
-    {51932, "EUC-JP"},       {51949, "EUC-KR"},       {54936, "GB18030"},     {65001, "UTF-8"},
-    {1200, "UTF-16LE"},      {1201, "UTF-16BE"},
+    {65001, "UTF-8"},       {1250, "CP1250"},       {1251, "CP1251"},       {1252, "CP1252"},
+    {1253, "CP1253"},       {1254, "CP1254"},       {1255, "CP1255"},       {1256, "CP1256"},
+    {1257, "CP1257"},       {1258, "CP1258"},       {437, "CP437"},         {850, "CP850"},
+    {866, "CP866"},         {874, "CP874"},         {932, "CP932"},         {936, "CP936"},
+    {949, "CP949"},         {950, "CP950"},         {1361, "JOHAB"},        {10000, "MACINTOSH"},
+    {20127, "ASCII"},       {20866, "KOI8-R"},      {21866, "KOI8-U"},      {28591, "ISO-8859-1"},
+    {28592, "ISO-8859-2"},  {28593, "ISO-8859-3"},  {28594, "ISO-8859-4"},  {28595, "ISO-8859-5"},
+    {28596, "ISO-8859-6"},  {28597, "ISO-8859-7"},  {28598, "ISO-8859-8"},  {28599, "ISO-8859-9"},
+    {28600, "ISO-8859-10"}, {28601, "ISO-8859-11"}, {28603, "ISO-8859-13"}, {28604, "ISO-8859-14"},
+    {28605, "ISO-8859-15"}, {51932, "EUC-JP"},      {51949, "EUC-KR"},      {54936, "GB18030"},
+    {1200, "UTF-16LE"},     {1201, "UTF-16BE"},
 };
 constexpr std::size_t kCodePageCount = std::size(kCodePages);
 
 // char16_t values in host order, whatever the host.
-constexpr char const* kWideName = std::endian::native == std::endian::little ? "UTF-16LE" : "UTF-16BE";
+constexpr char const* kWideName =
+    std::endian::native == std::endian::little ? "UTF-16LE" : "UTF-16BE";
 
 constexpr std::size_t kNotFound = static_cast<std::size_t>(-1);
 
@@ -46,7 +48,9 @@ std::size_t gCodePageIndex(unsigned codePage) {
   return kNotFound;
 }
 
-bool gIsUnicode(unsigned codePage) { return codePage == 65001 || codePage == 1200 || codePage == 1201; }
+bool gIsUnicode(unsigned codePage) {
+  return codePage == 65001 || codePage == 1200 || codePage == 1201;
+}
 bool gIsUtf16(unsigned codePage) { return codePage == 1200 || codePage == 1201; }
 
 enum tDirection { eToWide = 0, eFromWide = 1 };
@@ -78,13 +82,14 @@ struct cThreadDescriptors {
   ~cThreadDescriptors() {
     for (std::size_t slot = 0; slot < kSlotCount; ++slot) {
       if (held[slot] == kNoDescriptor) continue;
+      iconv_t const cd = std::exchange(held[slot], kNoDescriptor);
       cPool& pool = gPools()[slot];
       std::unique_lock<std::mutex> guard(pool.lock);
       if (pool.idle.size() < kMaxIdle) {
-        pool.idle.push_back(held[slot]);
+        pool.idle.push_back(cd);
       } else {
         guard.unlock();
-        ::iconv_close(held[slot]);
+        ::iconv_close(cd);
       }
     }
   }
@@ -156,11 +161,13 @@ std::size_t gSkipLength(tDirection direction, unsigned codePage, char const* in,
     if (left >= 4) {
       char16_t units[2];
       std::memcpy(units, in, sizeof units);
-      if (units[0] >= 0xD800 && units[0] <= 0xDBFF && units[1] >= 0xDC00 && units[1] <= 0xDFFF) return 4;
+      if (units[0] >= 0xD800 && units[0] <= 0xDBFF && units[1] >= 0xDC00 && units[1] <= 0xDFFF)
+        return 4;
     }
     return left < 2 ? left : 2;
   }
-  if (codePage == 65001) return gUtf8IllFormedLength(reinterpret_cast<unsigned char const*>(in), left);
+  if (codePage == 65001)
+    return gUtf8IllFormedLength(reinterpret_cast<unsigned char const*>(in), left);
   if (error == EINVAL) return left;  // a character cut short by the end of the input
   if (gIsUtf16(codePage)) return left < 2 ? left : 2;
   return 1;
@@ -250,8 +257,8 @@ std::size_t gWideLength(char16_t const* text) {
 
 }  // namespace
 
-int UL_MultiByteToWideChar(unsigned codePage, unsigned /*flags*/, char const* source, int sourceLength,
-                           char16_t* target, int targetUnits, int, int) {
+int UL_MultiByteToWideChar(unsigned codePage, unsigned /*flags*/, char const* source,
+                           int sourceLength, char16_t* target, int targetUnits, int, int) {
   std::size_t const index = gCodePageIndex(codePage);
   if (index == kNotFound || source == nullptr || sourceLength == 0 || sourceLength < -1 ||
       targetUnits < 0 || (targetUnits > 0 && target == nullptr))
@@ -277,11 +284,12 @@ int UL_MultiByteToWideChar(unsigned codePage, unsigned /*flags*/, char const* so
   return static_cast<int>(bytes / sizeof(char16_t));
 }
 
-int UL_WideCharToMultiByte(unsigned codePage, unsigned /*flags*/, char16_t const* source, int sourceUnits,
-                           char* target, int targetSize, char const* defaultChar, int* usedDefaultChar) {
+int UL_WideCharToMultiByte(unsigned codePage, unsigned /*flags*/, char16_t const* source,
+                           int sourceUnits, char* target, int targetSize, char const* defaultChar,
+                           int* usedDefaultChar) {
   std::size_t const index = gCodePageIndex(codePage);
-  if (index == kNotFound || source == nullptr || sourceUnits == 0 || sourceUnits < -1 || targetSize < 0 ||
-      (targetSize > 0 && target == nullptr))
+  if (index == kNotFound || source == nullptr || sourceUnits == 0 || sourceUnits < -1 ||
+      targetSize < 0 || (targetSize > 0 && target == nullptr))
     return 0;
   if (gIsUnicode(codePage) && (defaultChar != nullptr || usedDefaultChar != nullptr)) return 0;
   std::size_t const units =
@@ -298,9 +306,9 @@ int UL_WideCharToMultiByte(unsigned codePage, unsigned /*flags*/, char16_t const
     replacement = "\xFF\xFD", replacementSize = 2;
   }
   bool replaced = false;
-  std::size_t const bytes =
-      gConvert(index, eFromWide, reinterpret_cast<char const*>(source), units * sizeof(char16_t), target,
-               static_cast<std::size_t>(targetSize), replacement, replacementSize, replaced);
+  std::size_t const bytes = gConvert(
+      index, eFromWide, reinterpret_cast<char const*>(source), units * sizeof(char16_t), target,
+      static_cast<std::size_t>(targetSize), replacement, replacementSize, replaced);
   if (bytes == kNotFound || bytes > INT_MAX) return 0;
   if (usedDefaultChar != nullptr) *usedDefaultChar = replaced ? 1 : 0;
   return static_cast<int>(bytes);

@@ -18,10 +18,11 @@
 //   failure: unknown code page, null source, bad length, null target with a
 //   size, or a target too small for the whole result. A failed call may have
 //   written within the target's size, never beyond it.
-// - Bytes invalid in the source code page become U+FFFD (one per byte; for
-//   UTF-8, one per maximal ill-formed part). A character the target code page
-//   cannot hold, or a lone surrogate, becomes '?' (U+FFFD for the Unicode
-//   code pages 65001, 1200, 1201).
+// - Bytes invalid in the source code page become U+FFFD: one per byte (per
+//   unit for 1200/1201; for UTF-8 one per maximal ill-formed part, as Win32
+//   does), and one for a character cut short by the end of the source. A
+//   character the target code page cannot hold, or a lone surrogate, becomes
+//   one '?' (U+FFFD for the Unicode code pages 65001, 1200, 1201).
 // - Flags are ignored.
 //
 // Thread safety: both functions may be called from any thread at once. A
@@ -43,7 +44,7 @@ CORVANTH_EXPORT int UL_MultiByteToWideChar(unsigned codePage, unsigned flags, ch
 // character the target cannot hold, in place of '?'; `usedDefaultChar`, when
 // not null, is set to 1 if any replacement was made and to 0 otherwise. As on
 // Win32, both must be null for 65001, 1200 and 1201, else the call fails.
-CORVANTH_EXPORT int UL_WideCharToMultiByte(unsigned codePage, unsigned flags, char16_t const* source,
-                                           int sourceUnits, char* target, int targetSize,
-                                           char const* defaultChar = nullptr,
+CORVANTH_EXPORT int UL_WideCharToMultiByte(unsigned codePage, unsigned flags,
+                                           char16_t const* source, int sourceUnits, char* target,
+                                           int targetSize, char const* defaultChar = nullptr,
                                            int* usedDefaultChar = nullptr);

@@ -14,16 +14,22 @@
 namespace {
 
 std::u16string gToWide(unsigned codePage, std::string const& bytes) {
-  int const units = UL_MultiByteToWideChar(codePage, 0, bytes.data(), int(bytes.size()), nullptr, 0, 0, 0);
+  int const units =
+      UL_MultiByteToWideChar(codePage, 0, bytes.data(), int(bytes.size()), nullptr, 0, 0, 0);
   std::u16string wide(std::size_t(units), u'\0');
-  EXPECT_EQ(UL_MultiByteToWideChar(codePage, 0, bytes.data(), int(bytes.size()), wide.data(), units, 0, 0), units);
+  EXPECT_EQ(UL_MultiByteToWideChar(codePage, 0, bytes.data(), int(bytes.size()), wide.data(), units,
+                                   0, 0),
+            units);
   return wide;
 }
 
 std::string gFromWide(unsigned codePage, std::u16string const& wide) {
-  int const size = UL_WideCharToMultiByte(codePage, 0, wide.data(), int(wide.size()), nullptr, 0, 0, 0);
+  int const size =
+      UL_WideCharToMultiByte(codePage, 0, wide.data(), int(wide.size()), nullptr, 0, 0, 0);
   std::string bytes(std::size_t(size), '\0');
-  EXPECT_EQ(UL_WideCharToMultiByte(codePage, 0, wide.data(), int(wide.size()), bytes.data(), size, 0, 0), size);
+  EXPECT_EQ(
+      UL_WideCharToMultiByte(codePage, 0, wide.data(), int(wide.size()), bytes.data(), size, 0, 0),
+      size);
   return bytes;
 }
 
@@ -32,7 +38,8 @@ std::string gBytes(std::u16string const& wide) {
 }
 
 // What the iconv program makes of `input`, or nothing when it refuses it.
-std::optional<std::string> gIconv(std::string const& from, std::string const& to, std::string const& input) {
+std::optional<std::string> gIconv(std::string const& from, std::string const& to,
+                                  std::string const& input) {
   std::string const path = testing::TempDir() + "uzend_input_" + std::to_string(::getpid());
   std::ofstream(path, std::ios::binary) << input;
   corvanth::test::cChildProcess iconv({"iconv", "-f", from, "-t", to, path});
@@ -54,7 +61,10 @@ TEST(Uzend, CountsTerminatorsSizesAndRefusesWhatWin32Refuses) {
   EXPECT_EQ(UL_MultiByteToWideChar(1200, 0, "a\0b\0\0\0", -1, nullptr, 0, 0, 0), 3);
   // 1258 holds a letter back for a combining mark that never comes.
   EXPECT_EQ(gToWide(1258, "ab"), u"ab");
-  EXPECT_EQ(gToWide(1258, "a\x81" "b"), u"a\uFFFDb");
+  EXPECT_EQ(gToWide(1258,
+                    "a\x81"
+                    "b"),
+            u"a\uFFFDb");
 
   char bytes[4] = {'#', '#', '#', '#'};
   EXPECT_EQ(UL_WideCharToMultiByte(65001, 0, u"\u00e9", -1, nullptr, 0, 0, 0), 3);
@@ -77,10 +87,16 @@ TEST(Uzend, CountsTerminatorsSizesAndRefusesWhatWin32Refuses) {
   EXPECT_EQ(UL_WideCharToMultiByte(1252, 0, u"a", 1, bytes, -1, 0, 0), 0);
 
   // UTF-8: one U+FFFD per maximal ill-formed part; a cut character at the end is one too.
-  EXPECT_EQ(gToWide(65001, "a\xE2\x82" "b\xED\xA0\x80\xF0\x9F"), u"a\uFFFDb\uFFFD\uFFFD\uFFFD\uFFFD");
+  EXPECT_EQ(gToWide(65001,
+                    "a\xE2\x82"
+                    "b\xED\xA0\x80\xF0\x9F"),
+            u"a\uFFFDb\uFFFD\uFFFD\uFFFD\uFFFD");
   EXPECT_EQ(gToWide(54936, "a\x81\x30"), u"a\uFFFD");
   // A supplementary character the target cannot hold is one replacement; a lone surrogate too.
-  EXPECT_EQ(gFromWide(1252, u"a\U0001F600\xD800" "b"), "a??b");
+  EXPECT_EQ(gFromWide(1252,
+                      u"a\U0001F600\xD800"
+                      "b"),
+            "a??b");
   EXPECT_EQ(gFromWide(65001, u"\xDC00"), "\xEF\xBF\xBD");
   int used = -1;
   EXPECT_EQ(UL_WideCharToMultiByte(1252, 0, u"a\u0416", 2, bytes, 4, "*", &used), 2);
@@ -104,8 +120,9 @@ TEST(Uzend, CountsTerminatorsSizesAndRefusesWhatWin32Refuses) {
 // Any bytes and any 16-bit units, in every code page: exact targets take the
 // whole result, one unit short takes nothing, and nothing is touched outside.
 TEST(Uzend, EveryCodePageTakesAnyInputWithinItsBuffers) {
-  std::vector<unsigned> codePages = {437,   850,   866,   874,   932,   936,   949,   950,   1200,  1201,
-                                     1361,  10000, 20127, 20866, 21866, 51932, 51949, 54936, 65001};
+  std::vector<unsigned> codePages = {437,   850,   866,   874,   932,   936,   949,
+                                     950,   1200,  1201,  1361,  10000, 20127, 20866,
+                                     21866, 51932, 51949, 54936, 65001};
   for (unsigned page = 1250; page <= 1258; ++page) codePages.push_back(page);
   for (unsigned page = 28591; page <= 28605; ++page) {
     if (page != 28602) codePages.push_back(page);
@@ -119,27 +136,36 @@ TEST(Uzend, EveryCodePageTakesAnyInputWithinItsBuffers) {
   }
   for (unsigned codePage : codePages) {
     SCOPED_TRACE(codePage);
-    int const count = UL_MultiByteToWideChar(codePage, 0, bytes.data(), int(bytes.size()), nullptr, 0, 0, 0);
+    int const count =
+        UL_MultiByteToWideChar(codePage, 0, bytes.data(), int(bytes.size()), nullptr, 0, 0, 0);
     std::vector<char16_t> exact(std::size_t(std::max(count, 1))), shorter(exact.size() - 1);
     EXPECT_GT(count, 0);
-    EXPECT_EQ(UL_MultiByteToWideChar(codePage, 0, bytes.data(), int(bytes.size()), exact.data(), count, 0, 0), count);
+    EXPECT_EQ(UL_MultiByteToWideChar(codePage, 0, bytes.data(), int(bytes.size()), exact.data(),
+                                     count, 0, 0),
+              count);
     EXPECT_EQ(UL_MultiByteToWideChar(codePage, 0, bytes.data(), int(bytes.size()), shorter.data(),
-                                     int(shorter.size()), 0, 0), 0);
-    int const size = UL_WideCharToMultiByte(codePage, 0, units.data(), int(units.size()), nullptr, 0, 0, 0);
-    std::vector<char> exactBytes(std::size_t(std::max(size, 1))), shorterBytes(exactBytes.size() - 1);
+                                     int(shorter.size()), 0, 0),
+              0);
+    int const size =
+        UL_WideCharToMultiByte(codePage, 0, units.data(), int(units.size()), nullptr, 0, 0, 0);
+    std::vector<char> exactBytes(std::size_t(std::max(size, 1))),
+        shorterBytes(exactBytes.size() - 1);
     EXPECT_GT(size, 0);
-    EXPECT_EQ(UL_WideCharToMultiByte(codePage, 0, units.data(), int(units.size()), exactBytes.data(), size, 0, 0), size);
-    EXPECT_EQ(UL_WideCharToMultiByte(codePage, 0, units.data(), int(units.size()), shorterBytes.data(),
-                                     int(shorterBytes.size()), 0, 0), 0);
+    EXPECT_EQ(UL_WideCharToMultiByte(codePage, 0, units.data(), int(units.size()),
+                                     exactBytes.data(), size, 0, 0),
+              size);
+    EXPECT_EQ(UL_WideCharToMultiByte(codePage, 0, units.data(), int(units.size()),
+                                     shorterBytes.data(), int(shorterBytes.size()), 0, 0),
+              0);
   }
 }
 
 struct cSample {
   unsigned codePage;
-  char const* name;       // the iconv program's name for it
-  std::string text;       // valid in the code page
-  std::string invalid;    // a byte no character of the code page begins with
-  std::u16string foreign; // what the code page cannot hold
+  char const* name;        // the iconv program's name for it
+  std::string text;        // valid in the code page
+  std::string invalid;     // a byte no character of the code page begins with
+  std::u16string foreign;  // what the code page cannot hold
 };
 
 TEST(Uzend, AgreesWithTheIconvProgramBothWaysInvalidAndUnmappableIncluded) {
@@ -185,7 +211,8 @@ TEST(Uzend, ConvertsOnManyThreadsAtOnce) {
       threads.emplace_back([&, t] {
         for (int i = 0; i < 200; ++i) {
           std::u16string const again = gToWide(932, text);
-          if (again != wide || gFromWide(65001, again) != utf8 || gToWide(65001, utf8) != wide) ++wrong[t];
+          if (again != wide || gFromWide(65001, again) != utf8 || gToWide(65001, utf8) != wide)
+            ++wrong[t];
         }
       });
     }
