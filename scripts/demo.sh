@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the library and the corvanth tool, and runs the tool's demos: the
-# log records of every tag, and one message between two processes.
+# log records of every tag, and one message between two processes over TCP
+# and one through a window.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
@@ -25,3 +26,19 @@ echo "[serve] $first"
 sed 's/^/[serve] /' <&3
 exec 3<&-
 wait "$server"
+
+# The same road between two processes on this machine, through a window
+# instead of a socket: the message arrives as a packed record.
+echo
+echo "== corvanth window serve and corvanth window send: one message through a window"
+window="demo-$$"
+exec 4< <(./build-demo/tools/corvanth window serve "$window" --count 1)
+window_server=$!
+trap 'kill "$window_server" 2>/dev/null || true' EXIT
+read -r -t 20 first <&4 || { echo "demo: the window did not open" >&2; exit 1; }
+echo "[window serve] $first"
+./build-demo/tools/corvanth window send "$window" --to agent@localhost --from console@demo \
+  --type 5 --subtype 2 --id 8 --code 3 user=alice speed=3 | sed 's/^/[window send]  /'
+sed 's/^/[window serve] /' <&4
+exec 4<&-
+wait "$window_server"
