@@ -141,7 +141,8 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   }
   RWCString terminated;
   if (!CAssociativeArray::ConvertZ38(source, target, text.get(), terminated)) __builtin_trap();
-  // Within ASCII, what the reader takes stays a form with as many couples.
+  // Within ASCII, a form the reader takes couples from stays a form with as
+  // many couples. (A count of 0 or below makes a leaf, cut at its first zero.)
   if (source == 20127 && target == 20127) {
     CAssociativeArray before;
     bool read = true;
@@ -150,7 +151,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     } catch (CIllegalAssoSyntaxException const&) {
       read = false;
     }
-    if (read) {
+    if (read && before.entries() != 0) {
       CAssociativeArray after;
       after.FromStringRef(out[1]);
       if (after.entries() != before.entries()) __builtin_trap();
