@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 
+#include "../messages/MessageHelpers.h"
 #include "../sockets/ChildProcess.h"
 #include "AssociativeArray.h"
 #include "LogCapture.h"
@@ -25,30 +26,31 @@ std::string gBytes(const COPYDATASTRUCT* record) {
 
 std::string gWindowName(char const* what) { return std::string(what) + "-" + std::to_string(getpid()); }
 
-TEST(NvsRecords, FrameInFrontOfThePayloadAndEveryCheckAtItsLine) {
-  cLogCapture capture;
-  std::string payload(57, '\0');
-  for (std::size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<char>(250 + i);
-  COPYDATASTRUCT* record = NVSPackData(payload.data(), 57, 5, 2);
-  ASSERT_NE(record, nullptr);
-  EXPECT_EQ(gBytes(record), std::string("\0\0\0\x39\0\x05\0\x02", 8) + payload);
+// "length type/subtype payload" as NVSUnPackData gives them.
+std::string gUnpacked(const COPYDATASTRUCT* record, const char** at = nullptr) {
   const char* data = nullptr;
   long length = 0;
   short type = 0, subtype = 0;
   NVSUnPackData(record, data, length, type, subtype);
-  EXPECT_EQ(data, NVSGetData(record) + 8);
-  EXPECT_EQ(length, 57);
-  EXPECT_EQ(type, 5);
-  EXPECT_EQ(subtype, 2);
+  if (at != nullptr) *at = data;
+  return std::to_string(length) + " " + std::to_string(type) + "/" + std::to_string(subtype) + " " +
+         (data != nullptr ? std::string(data, static_cast<std::size_t>(length)) : "(null)");
+}
+
+TEST(NvsRecords, FrameInFrontOfThePayloadAndEveryCheckAtItsLine) {
+  cLogCapture capture;
+  std::string const payload("\x01\xff\0yz", 5);
+  COPYDATASTRUCT* record = NVSPackData(payload.data(), 5, 3, 4);
+  EXPECT_EQ(gBytes(record), std::string("\0\0\0\5\0\3\0\4", 8) + payload);
+  const char* at = nullptr;
+  EXPECT_EQ(gUnpacked(record, &at), "5 3/4 " + payload);
+  EXPECT_EQ(at, NVSGetData(record) + 8);
   EXPECT_EQ(NVSReleaseData(record), 1);
   // A header that announces more than arrived never reaches past the record.
-  record->cbData = 20;
-  NVSUnPackData(record, data, length, type, subtype);
-  EXPECT_EQ(length, 12);
+  record->cbData = 10;
+  EXPECT_EQ(gUnpacked(record), "2 3/4 " + payload.substr(0, 2));
   record->cbData = 7;
-  NVSUnPackData(record, data, length, type, subtype);
-  EXPECT_TRUE(data == nullptr && length == 0 && type == 0 && subtype == 0);
-  record->cbData = 65;
+  EXPECT_EQ(gUnpacked(record), "0 0/0 (null)");
   record->dwData = 77;
   EXPECT_EQ(NVSSendMsg(record, nullptr, 9), 0);
   EXPECT_EQ(record->dwData, 77u);
@@ -63,8 +65,7 @@ TEST(NvsRecords, FrameInFrontOfThePayloadAndEveryCheckAtItsLine) {
   EXPECT_EQ(nothing->cbData, 0u);
   EXPECT_EQ(NVSGetData(nullptr), nullptr);
   EXPECT_EQ(NVSGetDataConst(nullptr), nullptr);
-  EXPECT_EQ(NVSReleaseData(nullptr), 1);
-  EXPECT_EQ(NVSFreeData(nullptr), 1);
+  EXPECT_EQ(NVSReleaseData(nullptr) + NVSFreeData(nullptr), 2);
   for (long line : {227, 256, 251, 276, 297}) {
     ASSERT_EQ(capture.fAt("NVSMSG", line).size(), 1u) << line;
     EXPECT_EQ(capture.fAt("NVSMSG", line)[0].text, "");
@@ -106,24 +107,16 @@ TEST(NvsQueue, PeekDrainsToTheCopyDataMessageAndWaitGivesAnyLParam) {
   DestroyWindow(window);
 }
 
-// The forked peer sends every record back as it came: frame, type, subtype
-// and code. On any failure it posts the quit message, so no wait here hangs.
+// The forked peer sends every record back as it came: frame and code. On a
+// failure it posts the quit message, so that no wait here hangs.
 [[noreturn]] void gEchoPeer(std::string const& name, std::string const& back, int ready) {
   HWND own = CreateWindowA(name.c_str());
-  char const byte = 1;
-  bool ok = own != nullptr && write(ready, &byte, 1) == 1;
+  bool ok = own != nullptr && write(ready, "!", 1) == 1;
   HWND const answer = FindWindowA(nullptr, back.c_str());
-  while (ok) {
-    COPYDATASTRUCT const* record = NVSWaitMsg(own, 1);
-    if (record == nullptr) break;
-    const char* data = nullptr;
-    long length = 0;
-    short type = 0, subtype = 0;
-    NVSUnPackData(record, data, length, type, subtype);
-    COPYDATASTRUCT* copy = data != nullptr ? NVSPackData(data, length, type, subtype) : nullptr;
-    ok = NVSSendMsg(copy, answer, record->dwData) != 0;
+  while (COPYDATASTRUCT const* record = ok ? NVSWaitMsg(own, 1) : nullptr) {
+    COPYDATASTRUCT copy = *record;  // the same bytes and code, sent from here
+    ok = NVSSendMsg(record->cbData != 0 ? &copy : nullptr, answer, record->dwData) != 0;
     NVSFreeData(record);
-    if (copy != nullptr) NVSFreeData(copy);
   }
   if (!ok) PostMessageA(answer, WM_QUIT, 0, 0);
   _exit(ok ? 0 : 1);
@@ -144,66 +137,42 @@ TEST(NvsBetweenProcesses, TypedMessagesGoBothWaysByteForByte) {
   HWND const window = FindWindowA(nullptr, name.c_str());
   ASSERT_NE(window, nullptr);
 
-  // Every byte value, a frame of type 5 / subtype 2, and then only a code.
-  std::string raw(57, '\0');
-  for (std::size_t i = 0; i < raw.size(); ++i) raw[i] = static_cast<char>(i * 37 % 256);
+  // A packed message of 57 bytes whose data is a string form with a zero byte.
   CAssociativeArray parameters;
-  parameters.AddCouple("user", "alice");
-  parameters.AddCouple("note", "zero\0byte", 9);
+  parameters.AddCouple("n", "z\0b", 3);
   char const* form = nullptr;
   int formLength = 0;
   parameters.ToString(form, formLength, false, false);
-  cCorvanthMessage const message(7, "host2", "agent", "host1", "console", QType{3}, -3, 300, form,
+  cCorvanthMessage const message(7, "host", "ag", "h1", "user", QType{3}, -3, 300, form,
                                  static_cast<unsigned int>(formLength));
-  struct {
-    std::string payload;
-    short type, subtype;
-    unsigned int code;
-    bool framed;
-  } const sent[] = {
-      {raw, 5, 2, 9, true},
-      {std::string(message.getPackedBuf(), message.getPackedBufLen()), -3, 300, 11, true},
-      {"", 0, 0, 42, false},
-  };
-  for (auto const& one : sent) {
-    COPYDATASTRUCT* record =
-        one.framed ? NVSPackData(one.payload.data(), static_cast<long>(one.payload.size()), one.type, one.subtype)
-                   : nullptr;
-    ASSERT_NE(NVSSendMsg(record, window, one.code), 0);
-    if (record != nullptr) NVSFreeData(record);
-    COPYDATASTRUCT const* echo = NVSWaitMsg(own, 1);
-    ASSERT_NE(echo, nullptr) << "the peer failed";
-    EXPECT_EQ(echo->dwData, one.code);
-    EXPECT_EQ(echo->cbData, one.framed ? one.payload.size() + 8 : 0u);
-    const char* data = nullptr;
-    long length = 0;
-    short type = 0, subtype = 0;
-    NVSUnPackData(echo, data, length, type, subtype);
-    EXPECT_EQ(std::string(data != nullptr ? data : "", static_cast<std::size_t>(length)), one.payload);
-    EXPECT_EQ(type, one.type);
-    EXPECT_EQ(subtype, one.subtype);
-    if (one.code == 11) {
-      cCorvanthMessage const arrived(data, static_cast<unsigned int>(length), type, subtype);
-      EXPECT_EQ(std::string(arrived.getData(), arrived.getDatalen()), std::string(form, formLength));
-      EXPECT_STREQ(arrived.getToClient(), "agent");
-      EXPECT_EQ(arrived.getMessageId(), 7u);
-      CAssociativeArray read;
-      read.FromString(std::string(arrived.getData(), arrived.getDatalen()).c_str(), formLength);
-      const char* value = nullptr;
-      int valueLength = 0;
-      read.GetValueOfParameter("note", value, valueLength);
-      EXPECT_EQ(std::string(value, valueLength), std::string("zero\0byte", 9));
-      EXPECT_STREQ(read.GetValueOfParameter("user"), "alice");
-    }
-    NVSFreeData(echo);
-  }
+  COPYDATASTRUCT* record = NVSPackData(message.getPackedBuf(), message.getPackedBufLen(), -3, 300);
+  ASSERT_NE(NVSSendMsg(record, window, 11), 0);
+  COPYDATASTRUCT const* echo = NVSWaitMsg(own, 1);
+  ASSERT_NE(echo, nullptr) << "the peer failed";
+  EXPECT_EQ(echo->dwData, 11u);
+  EXPECT_EQ(echo->cbData, 65u);
+  EXPECT_EQ(gBytes(echo), gBytes(record));
+  const char* data = nullptr;
+  EXPECT_EQ(gUnpacked(echo, &data), "57 -3/300 " + gBlock(message));
+  cCorvanthMessage const arrived(data, 57, -3, 300);
+  EXPECT_EQ(gFields(arrived), gFields(message));
+  CAssociativeArray read;
+  read.FromString(std::string(arrived.getData(), arrived.getDatalen()).c_str(), formLength);
+  read.GetValueOfParameter("n", data, formLength);
+  EXPECT_EQ(std::string(data, formLength), std::string("z\0b", 3));
+  NVSFreeData(echo);
+
+  ASSERT_NE(NVSSendMsg(nullptr, window, 42), 0);
+  echo = NVSWaitMsg(own, 1);
+  ASSERT_NE(echo, nullptr) << "the peer failed";
+  EXPECT_TRUE(echo->dwData == 42 && echo->cbData == 0);
+  NVSFreeData(echo);
 
   // Once the peer has ended, a send fails with the code already stored.
   PostMessageA(window, WM_QUIT, 0, 0);
   int status = -1;
   ASSERT_EQ(waitpid(peer, &status, 0), peer);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  COPYDATASTRUCT* record = NVSPackData("late", 4, 1, 1);
   EXPECT_EQ(NVSSendMsg(record, window, 13), 0);
   EXPECT_EQ(record->dwData, 13u);
   NVSFreeData(record);
