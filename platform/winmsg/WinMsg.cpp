@@ -186,8 +186,6 @@ class cThreadQueue {
       if (error == EADDRINUSE) CORVANTH_LOG(nLog::nBasic::sWarningTag_, kSource, "window name in use: " << fName(window));
       return nullptr;
     }
-    // A window of this name may have been left by a thread that ended without
-    // destroying it; its listener is gone with it, so the bind succeeded.
     window->owner.store(this, std::memory_order_release);
     mWindows.push_back(window);
     mListeners.push_back(fd);

@@ -20,8 +20,10 @@
 //
 // Delivery. SendMessageTimeoutA returns non-zero once the owner has taken the
 // message out of its queue (GetMessageA, or PeekMessageA with PM_REMOVE), and 0
-// when the time-out ran out first, the owner went away or refused the peer;
-// it never reports an answer of the receiver. A send from the owning thread to
+// when the time-out ran out first (give or take the 2 ms by which a kept
+// connection's receive time-out may lag), the owner went away or refused the
+// peer; it never reports an answer of the receiver. Each sending thread keeps
+// one connection per window between sends. A send from the owning thread to
 // its own window cannot wait for itself: it queues and returns 1 at once.
 // PostMessageA does not wait; it fails at once when the owner's socket is full.
 // WM_COPYDATA can only be sent, never posted. The owner accepts peers of its own
