@@ -43,6 +43,12 @@
 #include "NVSMSG.h"
 #include "WinMsg.h"
 
+// host: service configurator and support report
+#include "CorvanthServiceConfig.h"
+#include "HostInfo.h"
+#include "Scm.h"
+#include "SupportInformationGenerator.h"
+
 // containers
 #include "rwassoc.h"
 #include "rwcollect.h"

@@ -2,7 +2,7 @@
 # Installs what building and testing CorvanthUtil needs on Debian 12; does
 # nothing when everything is already there.
 set -euo pipefail
-packages=(g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev libssl-dev libinih-dev
+packages=(g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev libssl-dev libinih-dev libsystemd-dev systemd dbus
           libzmq3-dev rapidjson-dev nlohmann-json3-dev clang iproute2 openssl)
 missing=()
 for p in "${packages[@]}"; do

@@ -29,6 +29,7 @@
 #include "CorvanthUtil.h"
 #include "corvanth_net.h"
 #include "corvanth_text.h"
+#include "corvanth_host.h"
 #include "corvanth_window.h"
 
 namespace {
@@ -47,7 +48,7 @@ int gUsage(FILE* out) {
       "               own; on SIGINT, SIGTERM, the time-out or when all have ended, kill them\n"
       "               newest first, each with the processes it started, and print each kill\n"
       "               step's outcome (exit 1 unless every kill step succeeded)\n"
-      "%s%s%s%s"
+      "%s%s%s%s%s%s"
       "  help         print this text\n"
       "\n"
       "environment:\n"
@@ -55,7 +56,8 @@ int gUsage(FILE* out) {
       "                     (comma list, 'all' or 'none'; default: errors,warnings)\n"
       "  CORVANTH_LOG_FILE  append log records to this file instead of standard error\n",
       nCorvanthTool::gNetUsage().c_str(), nCorvanthTool::gSettingsUsage().c_str(),
-      nCorvanthTool::gConvertUsage().c_str(), nCorvanthTool::gWindowUsage().c_str());
+      nCorvanthTool::gConvertUsage().c_str(), nCorvanthTool::gWindowUsage().c_str(),
+      nCorvanthTool::gServiceUsage().c_str(), nCorvanthTool::gReportUsage().c_str());
   return out == stdout ? 0 : 2;
 }
 
@@ -249,6 +251,8 @@ extern "C" __attribute__((visibility("default"), used)) char const* __lsan_defau
 #endif
 
 int main(int argc, char** argv) {
+  // Started by the service manager with no arguments: run as the host service.
+  if (argc < 2 && std::getenv("INVOCATION_ID") != nullptr) return nCorvanthTool::gHostService();
   if (argc < 2) return gUsage(stderr);
   std::string_view const command = argv[1];
   if (command == "--version" || command == "version") {
@@ -265,6 +269,8 @@ int main(int argc, char** argv) {
   if (command == "local_lat") return nCorvanthTool::gLocalLat(argc, argv);
   if (command == "remote_lat") return nCorvanthTool::gRemoteLat(argc, argv);
   if (command == "window") return nCorvanthTool::gWindow(argc, argv);
+  if (command == "service") return nCorvanthTool::gService(argc, argv);
+  if (command == "report") return nCorvanthTool::gReport(argc, argv);
   if (command == "settings") return nCorvanthTool::gSettings(argc, argv);
   if (command == "convert") return nCorvanthTool::gConvert(argc, argv);
   std::fprintf(stderr, "corvanth: unknown command '%s'\n\n", argv[1]);

@@ -1,0 +1,2 @@
+// The service configurator.
+#include "CorvanthServiceConfig.h"

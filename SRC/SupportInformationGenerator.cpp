@@ -1,0 +1,2 @@
+// The support report.
+#include "SupportInformationGenerator.h"

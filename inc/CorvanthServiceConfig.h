@@ -1,0 +1,2 @@
+// The service configurator (being written).
+#pragma once

@@ -1,0 +1,2 @@
+// The support report (being written).
+#pragma once

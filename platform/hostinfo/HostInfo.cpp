@@ -1,0 +1,2 @@
+// Host information from Linux sources.
+#include "HostInfo.h"

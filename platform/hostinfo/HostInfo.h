@@ -1,0 +1,2 @@
+// Host information from Linux sources (being written).
+#pragma once

@@ -1,0 +1,2 @@
+// The service control manager over systemd (being written).
+#pragma once
