@@ -352,7 +352,12 @@ class cThreadQueue {
       budget -= count;
       if (into == eData) {
         c.have += count;
-        if (c.have == c.header.cbData) fComplete(c);
+        // Large records seldom come back to back: rather than ask the socket
+        // once more, leave what may follow to the next poll.
+        if (c.have == c.header.cbData) {
+          fComplete(c);
+          break;
+        }
       } else if (into == eHeader) {
         c.headerHave += count;
         if (c.headerHave == kHeaderSize && !fHeaderDone(c)) return false;

@@ -139,6 +139,12 @@ TEST(WinMsg, ThreadsSendPostPeekAndGetInTheOwnersQueue) {
   EXPECT_FALSE(PostMessageA(window, 0x401, 0, 0));
   EXPECT_EQ(FindWindowA(nullptr, name.c_str()), nullptr);
   EXPECT_EQ(SendMessageTimeoutA(nullptr, WM_COPYDATA, 0, 0, SMTO_BLOCK, 10, nullptr), 0);
+
+  // A thread's windows end with it.
+  HWND left = nullptr;
+  std::thread([&] { left = CreateWindowA(name.c_str()); }).join();
+  ASSERT_NE(left, nullptr);
+  EXPECT_FALSE(IsWindow(left));
 }
 
 TEST(WinMsg, TwoProcessesExchangeMessagesBothWays) {
