@@ -1,12 +1,12 @@
 // The road of one request through the corvanth tool: parameters in a string
 // form, in a message, in a frame, to `corvanth serve` in a process of its own
 // and back, byte for byte.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "AssociativeArray.h"
@@ -18,6 +18,7 @@
 namespace {
 
 using namespace corvanth::test;
+using testing::HasSubstr;
 
 std::string gForm(CAssociativeArray const& array) {
   char const* text = nullptr;
@@ -26,29 +27,32 @@ std::string gForm(CAssociativeArray const& array) {
   return std::string(text, std::size_t(length));
 }
 
-// The lines of text that start with the given piece.
+// The lines of text that start with the given piece, sorted.
 std::vector<std::string> gLines(std::string const& text, std::string const& start) {
   std::vector<std::string> lines;
   std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) {
+  for (std::string line; std::getline(stream, line);)
     if (line.rfind(start, 0) == 0) lines.push_back(line);
-  }
   std::sort(lines.begin(), lines.end());
   return lines;
 }
 
+// The port at the end of the first line a serving tool prints.
+std::string gListeningPort(cChildProcess& tool) {
+  std::string const line = tool.fReadLine(kBound);
+  EXPECT_THAT(line, testing::StartsWith("listening on 127.0.0.1:"));
+  return line.substr(line.rfind(':') + 1);
+}
+
 TEST(CorvanthTool, ServeAndSendCarryTheParametersByteForByteBothWays) {
   cChildProcess server({CORVANTH_TOOL, "serve", "--name", "agent", "--count", "2"});
-  std::string const listening = server.fReadLine(kBound);
-  ASSERT_EQ(listening.rfind("listening on 127.0.0.1:", 0), 0u) << listening;
-  std::string const port = listening.substr(listening.rfind(':') + 1);
+  std::string const port = gListeningPort(server);
 
   // From this process: the answer, taken apart here, holds every byte.
-  CAssociativeArray nested;
+  CAssociativeArray nested, parameters;
   nested.AddCouple("inner", std::string("x\0y", 3).c_str(), 3);
   nested.AddCouple("count", 42L);
   std::string const nestedForm = gForm(nested);
-  CAssociativeArray parameters;
   parameters.AddCouple("user", "alice");
   parameters.AddCouple("blob", std::string("a\0b\0\xff", 5).c_str(), 5);
   parameters.AddCouple("script", nestedForm.data(), int(nestedForm.size()));
@@ -57,34 +61,28 @@ TEST(CorvanthTool, ServeAndSendCarryTheParametersByteForByteBothWays) {
                                  2, form.data(), unsigned(form.size()));
   StreamSocket socket;
   socket.Connect("127.0.0.1", static_cast<unsigned short>(std::stoul(port)), gBounded());
-  ASSERT_TRUE(
-      socket.SendTypedMessageZ2(5, 2, request.getPackedBuf(), int(request.getPackedBufLen())));
+  ASSERT_TRUE(socket.SendTypedMessageZ2(5, 2, request.getPackedBuf(), int(request.getPackedBufLen())));
   cFrame const frame = gReceiveFrame(socket);
   ASSERT_TRUE(frame.mOk);
   socket.CloseSocket();
-  cCorvanthMessage const answer(frame.mPayload.data(), unsigned(frame.mLength), frame.mType,
-                                frame.mSubtype);
-  EXPECT_EQ(answer.getMessageId(), 41u);
-  EXPECT_STREQ(answer.getToClient(), "console");
-  EXPECT_STREQ(answer.getToHost(), "host1");
-  EXPECT_STREQ(answer.getFromClient(), "agent");
-  EXPECT_EQ(std::string(answer.getData(), answer.getDatalen()),
-            form);  // string form to string form
+  cCorvanthMessage const answer(frame.mPayload.data(), unsigned(frame.mLength), frame.mType, frame.mSubtype);
+  EXPECT_EQ(std::to_string(answer.getMessageId()) + " " + answer.getToClient() + "@" + answer.getToHost() +
+                " from " + answer.getFromClient() + " " + std::string(answer.getData(), answer.getDatalen()),
+            "41 console@host1 from agent " + form);  // string form to string form
 
   // From `corvanth send`, a process of its own: the parameters as sent, as
   // served and as answered print alike, bytes escaped one to one.
-  cChildProcess send({CORVANTH_TOOL, "send", "--port", port, "--to", "agent@localhost", "--from",
-                      "console@test", "--type", "7", "--id", "9", "user=bob", "zero=a\\0b\\xff",
-                      "script={name=checkout,inner={k=\\x00\\x2c}}"});
-  auto const [sendStatus, sent] = send.fFinish(kBound);
+  auto const [sendStatus, sent] =
+      cChildProcess({CORVANTH_TOOL, "send", "--port", port, "--to", "agent@localhost", "--from", "console@test",
+                     "--type", "7", "--id", "9", "user=bob", "zero=a\\0b\\xff",
+                     "script={name=checkout,inner={k=\\x00\\x2c}}"})
+          .fFinish(kBound);
   EXPECT_EQ(sendStatus, 0) << sent;
   auto const [serveStatus, served] = server.fFinish(kBound);
   EXPECT_EQ(serveStatus, 0) << served;
-  EXPECT_NE(served.find("received message 41 from console@host1 to agent@host2, queue type 3, "
-                        "type 5, subtype 2"),
-            std::string::npos)
-      << served;
-  EXPECT_NE(served.find("    blob (5 bytes) = a\\x00b\\x00\\xff\n"), std::string::npos) << served;
+  EXPECT_THAT(served, HasSubstr("received message 41 from console@host1 to agent@host2, queue type 3, "
+                                "type 5, subtype 2"));
+  EXPECT_THAT(served, HasSubstr("    blob (5 bytes) = a\\x00b\\x00\\xff\n"));
   std::size_t const second = served.find("received message 9 ");
   ASSERT_NE(second, std::string::npos) << served;
   std::vector<std::string> const printed = gLines(served.substr(second), "    ");
@@ -93,16 +91,11 @@ TEST(CorvanthTool, ServeAndSendCarryTheParametersByteForByteBothWays) {
   std::vector<std::string> twice;
   for (auto const& line : printed) twice.insert(twice.end(), {line, line});
   EXPECT_EQ(gLines(sent, "    "), twice) << sent;
-  EXPECT_NE(
-      sent.find("answer: message 9 from agent@localhost to console@test, queue type 0, type 7"),
-      std::string::npos)
-      << sent;
+  EXPECT_THAT(sent, HasSubstr("answer: message 9 from agent@localhost to console@test, queue type 0, type 7"));
 }
 
 TEST(CorvanthTool, RefusedConnectionAndBadUsageHaveTheirExitCodes) {
-  nSock::cHandleValid const closed = nSock::gCreateListenerOn("127.0.0.1", 0);
-  std::string const port = std::to_string(nSock::gLocalPort(closed));
-  nSock::gDelete(closed);
+  std::string const port = std::to_string(gFreePort());
   struct {
     std::vector<std::string> arguments;
     int status;
@@ -120,7 +113,7 @@ TEST(CorvanthTool, RefusedConnectionAndBadUsageHaveTheirExitCodes) {
     arguments.insert(arguments.end(), one.arguments.begin(), one.arguments.end());
     auto const [status, text] = cChildProcess(arguments).fFinish(kBound);
     EXPECT_EQ(status, one.status) << one.arguments.back() << ": " << text;
-    EXPECT_NE(text.find(one.says), std::string::npos) << text;
+    EXPECT_THAT(text, HasSubstr(one.says));
   }
 }
 
@@ -129,40 +122,28 @@ TEST(CorvanthTool, RefusedConnectionAndBadUsageHaveTheirExitCodes) {
 TEST(CorvanthTool, TlsServeAndSendCheckEachOtherAndAFailedHandshakeExitsOne) {
   for (std::string const& clientDirectory : {gCertificates(), gCertificates() + "/rogue"}) {
     bool const ok = clientDirectory == gCertificates();
-    cChildProcess server(
-        {CORVANTH_TOOL, "serve", "--count", "1", "--tls", gCertificates(), "--verify-client"});
-    std::string const line = server.fReadLine(kBound);
+    cChildProcess server({CORVANTH_TOOL, "serve", "--count", "1", "--tls", gCertificates(), "--verify-client"});
     auto const [sendStatus, sent] =
-        cChildProcess({CORVANTH_TOOL, "send", "--port", line.substr(line.rfind(':') + 1), "--tls",
-                       clientDirectory, "--verify-server", "--verify-client", "a=b"})
+        cChildProcess({CORVANTH_TOOL, "send", "--port", gListeningPort(server), "--tls", clientDirectory,
+                       "--verify-server", "--verify-client", "a=b"})
             .fFinish(kBound);
     auto const [serveStatus, served] = server.fFinish(kBound);
-    EXPECT_EQ(std::make_pair(sendStatus, serveStatus), std::make_pair(int(!ok), int(!ok)))
-        << sent << served;
-    EXPECT_NE(sent.find(ok ? "Server certificate verified successfully!\nsending"
-                           : "corvanth send: SSL connection failed: "),
-              std::string::npos)
-        << sent;
-    EXPECT_NE(served.find(ok ? "Client certificate verified successfully!\nconnection accepted"
-                             : "corvanth serve: SSL accept failed"),
-              std::string::npos)
-        << served;
+    EXPECT_EQ(std::make_pair(sendStatus, serveStatus), std::make_pair(int(!ok), int(!ok))) << sent << served;
+    EXPECT_THAT(sent, HasSubstr(ok ? "Server certificate verified successfully!\nsending"
+                                   : "corvanth send: SSL connection failed: "));
+    EXPECT_THAT(served, HasSubstr(ok ? "Client certificate verified successfully!\nconnection accepted"
+                                     : "corvanth serve: SSL accept failed"));
   }
 }
 
 TEST(CorvanthTool, ThroughputVerbsCountEveryFrame) {
   cChildProcess local({CORVANTH_TOOL, "local_thr", "1000", "2000"});
-  std::string const listening = local.fReadLine(kBound);
-  ASSERT_NE(listening.rfind(':'), std::string::npos) << listening;
-  cChildProcess remote({CORVANTH_TOOL, "remote_thr", "--port",
-                        listening.substr(listening.rfind(':') + 1), "1000", "2000"});
-  auto const [sentStatus, sent] = remote.fFinish(kBound);
+  auto const [sentStatus, sent] =
+      cChildProcess({CORVANTH_TOOL, "remote_thr", "--port", gListeningPort(local), "1000", "2000"}).fFinish(kBound);
   EXPECT_EQ(sentStatus, 0) << sent;
   auto const [status, measured] = local.fFinish(kBound);
   EXPECT_EQ(status, 0) << measured;
-  EXPECT_NE(measured.find("message size: 1000 [B]\nmessage count: 2000\nmean throughput: "),
-            std::string::npos)
-      << measured;
+  EXPECT_THAT(measured, HasSubstr("message size: 1000 [B]\nmessage count: 2000\nmean throughput: "));
 }
 
 }  // namespace
