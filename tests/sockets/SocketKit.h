@@ -8,6 +8,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -40,11 +41,8 @@ inline bool gWaitUntilBlocked(std::atomic<long> const& thread, std::initializer_
   while (std::chrono::steady_clock::now() < end) {
     std::ifstream file("/proc/self/task/" + std::to_string(thread.load()) + "/syscall");
     long call = -1;  // a running thread shows "running", which does not parse
-    if (thread.load() != 0 && file >> call) {
-      for (long wanted : calls) {
-        if (call == wanted) return true;
-      }
-    }
+    if (thread.load() != 0 && file >> call && std::find(calls.begin(), calls.end(), call) != calls.end())
+      return true;
     std::this_thread::yield();
   }
   return false;
@@ -66,9 +64,7 @@ class cTask {
  public:
   explicit cTask(std::future<Result> future) : mFuture(std::move(future)) {}
   cTask(cTask&&) noexcept = default;
-  ~cTask() {
-    if (mFuture.valid()) fEndOrExit();
-  }
+  ~cTask() { if (mFuture.valid()) fEndOrExit(); }
   bool fReadyBy(std::chrono::steady_clock::time_point end) const {
     return mFuture.wait_until(end) == std::future_status::ready;
   }
