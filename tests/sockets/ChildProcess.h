@@ -54,15 +54,13 @@ class cChildProcess {
   // All the output so far, once there are at least count bytes, or at the end or the bound.
   std::string const& fRead(std::size_t count, std::chrono::seconds bound) {
     auto const end = std::chrono::steady_clock::now() + bound;
-    while (mPending.size() < count && fReadSome(end)) {
-    }
+    while (mPending.size() < count && fReadSome(end)) {}
     return mPending;
   }
   // The next line without its end, or what came before the bound or the end.
   std::string fReadLine(std::chrono::seconds bound) {
     auto const end = std::chrono::steady_clock::now() + bound;
-    while (mPending.find('\n') == std::string::npos && fReadSome(end)) {
-    }
+    while (mPending.find('\n') == std::string::npos && fReadSome(end)) {}
     std::size_t const newline = std::min(mPending.find('\n'), mPending.size());
     std::string line = mPending.substr(0, newline);
     mPending.erase(0, newline + 1);
@@ -72,8 +70,7 @@ class cChildProcess {
   // bound, it is killed then, or did not exit normally) and the rest of its output.
   std::pair<int, std::string> fFinish(std::chrono::seconds bound) {
     auto const end = std::chrono::steady_clock::now() + bound;
-    while (fReadSome(end)) {
-    }
+    while (fReadSome(end)) {}
     int status = -1;
     if (mPid > 0) {
       if (!mEnded) kill(mPid, SIGKILL);
@@ -88,9 +85,7 @@ class cChildProcess {
     auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(
         end - std::chrono::steady_clock::now());
     pollfd entry{mOutput, POLLIN, 0};
-    if (mOutput < 0 || mEnded || poll(&entry, 1, int(std::max<long>(left.count(), 0))) <= 0) {
-      return false;
-    }
+    if (mOutput < 0 || mEnded || poll(&entry, 1, int(std::max<long>(left.count(), 0))) <= 0) return false;
     char buffer[65536];
     ssize_t const got = read(mOutput, buffer, sizeof buffer);
     mEnded = got <= 0;
