@@ -3,6 +3,7 @@
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <new>
 #include <random>
 #include <vector>
@@ -21,15 +22,13 @@ int gPending(StreamSocket const& socket) {
   return count;
 }
 
-// The growth of this process's peak resident size across a piece of work, in
-// bytes.
+// The growth of this process's peak resident size across a piece of work, in bytes.
 template <class Work>
 long long gPeakGrowth(Work&& work) {
   auto peak = [] {
     std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);) {
+    for (std::string line; std::getline(status, line);)
       if (line.rfind("VmHWM:", 0) == 0) return std::stoll(line.substr(6)) * 1024;
-    }
     ADD_FAILURE() << "no peak resident size in /proc/self/status";
     return 0LL;
   };
@@ -61,11 +60,10 @@ TEST(StreamSocketFrames, HeadersRefusedLengthsLyingHeadersAndAGonePeer) {
   // its header, the second sends nothing.
   ASSERT_TRUE(pair.mClient->SendTypedMessageZ2(8, 9, nullptr, 0));
   EXPECT_FALSE(pair.mClient->SendTypedMessageZ2(1, 1, "x", -100));
-  std::size_t errors = 0;
-  for (auto const& record : capture.fRecords()) {
-    errors += record.source == "streamsocket" && record.tag == "Error";
-  }
-  EXPECT_EQ(errors, 2u);
+  auto const records = capture.fRecords();
+  EXPECT_EQ(std::count_if(records.begin(), records.end(),
+                          [](auto const& r) { return r.source == "streamsocket" && r.tag == "Error"; }),
+            2);
   // Lengths with the top bit set are refused after their header alone.
   ASSERT_TRUE(gSendRaw(*pair.mClient, gHeader(0x80000000u, 5, 6) + gHeader(0xFFFFFFFFu, 5, 6)));
   ASSERT_TRUE(pair.mClient->SendTypedMessageZ2(-32768, 32767, binary.data(), 4));
@@ -83,9 +81,8 @@ TEST(StreamSocketFrames, HeadersRefusedLengthsLyingHeadersAndAGonePeer) {
       mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   ASSERT_NE(source, MAP_FAILED);
   long long growth = gPeakGrowth([&] {
-    for (int length : {0x7FFFFFF8, 0x7FFFFFFF}) {
+    for (int length : {0x7FFFFFF8, 0x7FFFFFFF})
       EXPECT_FALSE(pair.mClient->SendTypedMessageZ2(1, 2, static_cast<char*>(source), length));
-    }
   });
   munmap(source, size);
   EXPECT_LT(growth, 64LL << 20);
@@ -203,8 +200,7 @@ TEST(StreamSocketLoad, SixtyFourConnectionsDeliverEveryFrameWholeAndInOrder) {
   auto data = [&](int c, int k) { return pattern.data() + (mix(c, k) >> 40) % kMax; };
 
   cLoopbackListener listener;
-  std::vector<std::unique_ptr<StreamSocket>> clients;
-  std::vector<std::unique_ptr<StreamSocket>> servers;
+  std::vector<std::unique_ptr<StreamSocket>> clients, servers;
   for (int c = 0; c < kConnections; ++c) {
     clients.push_back(std::make_unique<StreamSocket>());
     clients.back()->Connect("127.0.0.1", listener.mPort, gBounded());
@@ -212,25 +208,22 @@ TEST(StreamSocketLoad, SixtyFourConnectionsDeliverEveryFrameWholeAndInOrder) {
   }
   // Each task gives the count of frames it got through; a sender ends only
   // once its receiver has answered.
-  std::vector<cTask<int>> senders;
-  std::vector<cTask<int>> receivers;
+  std::vector<cTask<int>> senders, receivers;
   for (int c = 0; c < kConnections; ++c) {
     senders.push_back(gAsync([&, c] {
-      StreamSocket& socket = *clients[std::size_t(c)];
-      for (int k = 0; k < kFrames; ++k) {
+      StreamSocket& socket = *clients[c];
+      for (int k = 0; k < kFrames; ++k)
         if (!socket.SendTypedMessageZ2(short(c), short(k), data(c, k), int(size(c, k)))) return k;
-      }
       return gReceiveFrame(socket).mPayload == "all" ? kFrames : -1;
     }));
     receivers.push_back(gAsync([&, c] {
-      StreamSocket& socket = *servers[std::size_t(c)];
+      StreamSocket& socket = *servers[c];
       for (int k = 0; k < kFrames; ++k) {
         cFrame const frame = gReceiveFrame(socket);
         std::size_t const want = size(c, k);
         if (!frame.mOk || frame.mType != c || frame.mSubtype != k || frame.mNull != (want == 0) ||
-            frame.mPayload != std::string_view(data(c, k), want)) {
+            frame.mPayload != std::string_view(data(c, k), want))
           return k;
-        }
       }
       return socket.SendTypedMessageZ2(0, 0, "all", 3) ? kFrames : -1;
     }));
@@ -238,15 +231,12 @@ TEST(StreamSocketLoad, SixtyFourConnectionsDeliverEveryFrameWholeAndInOrder) {
   // A transfer not over in time is cut short by closing every socket.
   auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(45);
   bool inTime = true;
-  for (int c = 0; c < kConnections; ++c) inTime = inTime && receivers[std::size_t(c)].fReadyBy(end) && senders[std::size_t(c)].fReadyBy(end);
+  for (int c = 0; c < kConnections; ++c) inTime = inTime && receivers[c].fReadyBy(end) && senders[c].fReadyBy(end);
   EXPECT_TRUE(inTime) << "the transfer did not end in time";
   for (int c = 0; c < kConnections; ++c) {
-    if (!inTime) {
-      servers[std::size_t(c)]->CloseSocket();
-      clients[std::size_t(c)]->CloseSocket();
-    }
-    EXPECT_EQ(receivers[std::size_t(c)].fJoin(), kFrames) << "receiver " << c;
-    EXPECT_EQ(senders[std::size_t(c)].fJoin(), kFrames) << "sender " << c;
+    if (!inTime) for (auto* socket : {servers[c].get(), clients[c].get()}) socket->CloseSocket();
+    EXPECT_EQ(receivers[c].fJoin(), kFrames) << "receiver " << c;
+    EXPECT_EQ(senders[c].fJoin(), kFrames) << "sender " << c;
   }
 }
 
