@@ -1,5 +1,6 @@
 // The socket library and c_Socket: handles and their two-step end, exact reads
 // over the read-ahead, limits, options and the texts of failures.
+#include <gmock/gmock.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -17,6 +18,8 @@ namespace {
 using namespace corvanth::test;
 using nSock::cHandleValid;
 using cSystemError = nCommunication::nSystemSocket::cUnspecifiedError;
+using testing::AllOf;
+using testing::HasSubstr;
 
 // Both ends of a loopback connection as bare handles, deleted at the end.
 struct cRawPair {
@@ -72,20 +75,16 @@ TEST(LintelTransfer, ExactReadsAcrossTheReadAheadThenCloseKeepsTheHandleUntilDel
 TEST(LintelErrors, SystemErrorsNameTheAddressAndErrno) {
   cLogCapture capture;
   cHandleValid const taken = nSock::gCreateListenerOn("127.0.0.1", 0);
-  std::string const address = "127.0.0.1:" + std::to_string(nSock::gLocalPort(taken));
-  std::string const inUse =
-      gWhat<nSock::cAlreadyInUse>([&] { nSock::gCreateListenerOn("127.0.0.1", nSock::gLocalPort(taken)); });
-  EXPECT_NE(inUse.find("EADDRINUSE"), std::string::npos) << inUse;
-  // The wildcard listener cannot share the port of a loopback one either.
-  EXPECT_THROW(nSock::gCreateListener(nSock::gLocalPort(taken)), nSock::cAlreadyInUse);
-  EXPECT_FALSE(capture.fWithText(address).empty());
-
   unsigned short const port = nSock::gLocalPort(taken);
+  std::string const address = "127.0.0.1:" + std::to_string(port);
+  EXPECT_THAT(gWhat<nSock::cAlreadyInUse>([&] { nSock::gCreateListenerOn("127.0.0.1", port); }),
+              HasSubstr("EADDRINUSE"));
+  // The wildcard listener cannot share the port of a loopback one either.
+  EXPECT_THROW(nSock::gCreateListener(port), nSock::cAlreadyInUse);
+  EXPECT_FALSE(capture.fWithText(address).empty());
   nSock::gDelete(taken);
-  std::string const text =
-      gWhat<cSystemError>([&] { nSock::gCreateConnected("127.0.0.1", port, nSock::cSocketOptions()); });
-  EXPECT_NE(text.find(address), std::string::npos) << text;
-  EXPECT_NE(text.find("errno " + std::to_string(ECONNREFUSED)), std::string::npos) << text;
+  EXPECT_THAT(gWhat<cSystemError>([&] { nSock::gCreateConnected("127.0.0.1", port, nSock::cSocketOptions()); }),
+              AllOf(HasSubstr(address), HasSubstr("errno " + std::to_string(ECONNREFUSED))));
 }
 
 // Counts the reports of receive times.
