@@ -42,6 +42,8 @@ constexpr cMessage kMessages_[] = {
     {ERROR_INVALID_NAME, "The filename, directory name, or volume label syntax is incorrect."},
     {ERROR_MORE_DATA, "More data is available."},
     {ERROR_MR_MID_NOT_FOUND, "The system cannot find message text for the message number."},
+    {ERROR_DEPENDENT_SERVICES_RUNNING,
+     "A stop control has been sent to a service that other running services are dependent on."},
     {ERROR_INVALID_SERVICE_CONTROL, "The requested control is not valid for this service."},
     {ERROR_SERVICE_REQUEST_TIMEOUT,
      "The service did not respond to the start or control request in a timely fashion."},
@@ -53,16 +55,19 @@ constexpr cMessage kMessages_[] = {
     {ERROR_SERVICE_DISABLED,
      "The service cannot be started, either because it is disabled or because it has no enabled "
      "devices associated with it."},
+    {ERROR_CIRCULAR_DEPENDENCY, "Circular service dependency was specified."},
     {ERROR_SERVICE_DOES_NOT_EXIST, "The specified service does not exist as an installed service."},
     {ERROR_SERVICE_CANNOT_ACCEPT_CTRL, "The service cannot accept control messages at this time."},
     {ERROR_SERVICE_NOT_ACTIVE, "The service has not been started."},
     {ERROR_DATABASE_DOES_NOT_EXIST, "The database specified does not exist."},
     {ERROR_SERVICE_SPECIFIC_ERROR, "The service has returned a service-specific error code."},
+    {ERROR_PROCESS_ABORTED, "The process terminated unexpectedly."},
     {ERROR_SERVICE_DEPENDENCY_FAIL, "The dependency service or group failed to start."},
     {ERROR_INVALID_SERVICE_LOCK, "The specified service database lock is invalid."},
     {ERROR_SERVICE_MARKED_FOR_DELETE, "The specified service has been marked for deletion."},
     {ERROR_SERVICE_EXISTS, "The specified service already exists."},
     {ERROR_SHUTDOWN_IN_PROGRESS, "A system shutdown is in progress."},
+    {RPC_S_SERVER_UNAVAILABLE, "The RPC server is unavailable."},
 };
 
 }  // namespace
