@@ -57,8 +57,7 @@ TEST(LogStatement, RecordCarriesItsFieldsAndAForkedChildWritesItsOwnIds) {
   CORVANTH_LOG_AT(nLog::nBasic::sWarningTag_, "streamsocket", 321, "peer " << 17 << " closed\n");
   // The text's newline is escaped: a record stays one line.
   std::string const line = nLog::gFormatRecord(capture.fRecords().at(0));
-  std::string const tail = "\t" + std::to_string(::getpid()) + "\t" +
-                           std::to_string(::syscall(SYS_gettid)) +
+  std::string const tail = "\t" + std::to_string(::getpid()) + "\t" + std::to_string(::syscall(SYS_gettid)) +
                            "\tWarning\tCorvanthUtil\tstreamsocket:321\tpeer 17 closed\\n\n";
   EXPECT_EQ(line.substr(line.size() - tail.size()), tail);
 
@@ -112,12 +111,10 @@ TEST(LogStatement, MisbehavingPartsAreMarkedOrReportedOrRaisedAndEveryOtherPartS
   CORVANTH_LOG_FORMAT(tag, "test", "name", 1, "two");
   CORVANTH_LOG_FORMAT(tag, "test", "alone");
   CORVANTH_LOG_FORMAT(tag, "test", "name", cRaising(), "two", cRaisingOther());
-  EXPECT_EQ(
-      gTextsOf(capture.fRecords()),
-      (tTexts{
-          "before <expression parse throws>(inserter broke)", "x<expression parse throws>(...)",
-          "name\t1\ttwo\t", "alone",
-          "name\t<expression parse throws>\ttwo\t<expression parse throws>\t(inserter broke)"}));
+  EXPECT_EQ(gTextsOf(capture.fRecords()),
+            (tTexts{"before <expression parse throws>(inserter broke)", "x<expression parse throws>(...)",
+                    "name\t1\ttwo\t", "alone",
+                    "name\t<expression parse throws>\ttwo\t<expression parse throws>\t(inserter broke)"}));
   EXPECT_TRUE(reports.fHas("Log expression parse throws"));
   EXPECT_TRUE(reports.fHas("Log expression parse threw"));
 
@@ -232,7 +229,7 @@ TEST(LogFacility, CommitsMayLockRaiseAndAttachOrDetachAndDestroyedTargetsLeave) 
 }
 
 // Runs the probe `runs` times with the given environment and gives the tag
-// column of each line written to its log file.
+// column of each of its own lines (not the library's) in its log file.
 tTexts gProbeTags(std::string const& environment, int runs = 1) {
   std::string const path = ::testing::TempDir() + "corvanth_probe_log.txt";
   std::string const command = environment + " CORVANTH_LOG_FILE=" + path + " " LOG_ENV_PROBE;
@@ -240,9 +237,9 @@ tTexts gProbeTags(std::string const& environment, int runs = 1) {
   for (int i = 0; i < runs; ++i) EXPECT_EQ(std::system(command.c_str()), 0);
   tTexts tags;
   std::ifstream in(path);
-  for (std::string time, pid, tid, tag, rest;
-       in >> time >> pid >> tid >> tag && std::getline(in, rest);)
-    tags.push_back(tag);
+  for (std::string time, pid, tid, tag, module, source, rest;
+       in >> time >> pid >> tid >> tag >> module >> source && std::getline(in, rest);)
+    if (source.rfind("probe:", 0) == 0) tags.push_back(tag);
   std::filesystem::remove(path);
   return tags;
 }
@@ -264,8 +261,7 @@ TEST(ErrorTexts, AMovedInstallFindsItsOwnDataDirectory) {
       fs::path(::testing::TempDir()) / ("corvanth-moved-" + std::to_string(::getpid()));
   fs::path const lib = prefix / CORVANTH_INSTALL_LIBDIR,
                  data = prefix / CORVANTH_INSTALL_DATADIR / "CorvanthUtil";
-  fs::create_directories(lib);
-  fs::create_directories(data);
+  for (fs::path const& folder : {lib, data}) fs::create_directories(folder);
   fs::copy_file(CORVANTH_LIBRARY_FILE, lib / CORVANTH_LIBRARY_SONAME);
   std::ofstream(data / "moved.frm") << "1\tfound beside the library: %s\n";
   std::string const command = "env -u KESTRUN_HOME LD_LIBRARY_PATH='" + lib.string() +
