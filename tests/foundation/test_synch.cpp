@@ -118,8 +118,7 @@ TEST(Mutex, OwnerReacquireDoesNotBlockForeignReleaseIsAnErrorAndUseAfterDestruct
   auto foreign = [&] { return gFault([&] { mutex.fRelease(); }); };
   EXPECT_EQ(std::async(std::launch::async, foreign).get().substr(0, 40),
             "RWMutexLock::release - ReleaseMutex() - ");
-  auto timed = [&] { return mutex.fGetRaw().acquire(10ul); };
-  EXPECT_EQ(std::async(std::launch::async, timed).get(), 0);
+  EXPECT_EQ(std::async(std::launch::async, [&] { return mutex.fGetRaw().acquire(10ul); }).get(), 0);
   proxy.fWriteAcquire();
   mutex.~cMutex();  // held twice by this thread
   EXPECT_TRUE(capture.fRecords().empty());
@@ -169,8 +168,7 @@ TEST(StaticInstance, MisuseGivesItsTexts) {
   cLogCapture capture("Error");
   tInstance never, good, forced, expected;
   auto make = [&](tInstance& i, int kind = 0) {
-    return *i.fConstruct(cConstructionRequest_debug{kind},
-                         [](void* at) { return new (at) int(7); });
+    return *i.fConstruct(cConstructionRequest_debug{kind}, [](void* at) { return new (at) int(7); });
   };
   auto texts = [&] { return gDrain(capture, [](nLog::cRecord const& r) { return r.text + ";"; }); };
   never.fGet();
@@ -183,32 +181,22 @@ TEST(StaticInstance, MisuseGivesItsTexts) {
   good.fDestruct();  // the first destruction is in order
   good.fDestruct();
   good.fGet();
-  EXPECT_EQ(
-      texts(),
-      "Instance already constructed;Instance already destructed;Instance already destructed;");
+  EXPECT_EQ(texts(), "Instance already constructed;Instance already destructed;Instance already destructed;");
   make(forced, cConstructionRequest_debug::kForced);  // the first forced one is not remarkable
   EXPECT_EQ(make(expected, cConstructionRequest_debug::kExpected), 7);  // still made
   EXPECT_EQ(texts(), "Instance expected be constructed;");
 }
 
-nLifetime_sho::cScope* gTestScope() {
-  static nLifetime_sho::cScope scope;
-  return &scope;
-}
+nLifetime_sho::cScope* gTestScope() { static nLifetime_sho::cScope scope; return &scope; }
 
 std::atomic<int> gInits{0};
-int gMakeAnswer() {
-  ++gInits;
-  return 42;
-}
+int gMakeAnswer() { return ++gInits, 42; }
 
 struct cBoom {
   bool armed = true;
   cBoom() = default;
   cBoom(cBoom&& other) noexcept : armed(std::exchange(other.armed, false)) {}
-  ~cBoom() noexcept(false) {
-    if (armed) throw std::runtime_error("boom");
-  }
+  ~cBoom() noexcept(false) { if (armed) throw std::runtime_error("boom"); }
 };
 cBoom gMakeBoom() { return cBoom(); }
 
