@@ -59,8 +59,10 @@ auto gThrowsBoundsErr(std::string const& text) {
   return testing::Throws<RWBoundsErr>(testing::Property(&RWxmsg::why, testing::StrEq(text)));
 }
 
-TEST(Ordered, IndexErrorsCarryTheirExactTexts) {
-  RWOrdered ordered;
+// Bad indexes raise with their exact texts; insertAt moves later elements and
+// remove moves them back.
+TEST(Ordered, IndexErrorsCarryTheirExactTextsAndInsertionsMoveLaterElements) {
+  RWOrdered ordered(2);
   std::string const npos = "[NPOSINDEX] The value RW_NPOS cannot be used as an index.";
   EXPECT_THAT([&] { ordered.removeAt(0); },
               gThrowsBoundsErr("[INDEXERR] Illegal Index (0) for collection or string with 0 elements"));
@@ -71,13 +73,10 @@ TEST(Ordered, IndexErrorsCarryTheirExactTexts) {
               gThrowsBoundsErr("[INDEXERR] Illegal Index (2) for collection or string with 1 elements"));
   EXPECT_THAT([&] { ordered.insertAfter(RW_NPOS, &one); }, gThrowsBoundsErr(npos));
   EXPECT_THROW(ordered[5], RWInternalErr);
-}
 
-TEST(Ordered, InsertAtMovesLaterElementsAndRemoveMovesThemBack) {
-  RWCollectableInt v0(0), v1(1), v2(2), v3(3), v4(4), probe(2);
-  RWOrdered ordered(2);
-  for (RWCollectableInt* each : {&v1, &v3}) ordered.append(each);  // grows past 2
-  ordered.prepend(&v0);
+  RWCollectableInt v0(0), v2(2), v3(3), v4(4), probe(2);
+  ordered.append(&v3);
+  ordered.prepend(&v0);  // grows past 2
   ordered.insertAt(2, &v2);
   ordered.insertAfter(3, &v4);
   EXPECT_EQ(gWalk<int>(ordered), (tInts{0, 1, 2, 3, 4}));
