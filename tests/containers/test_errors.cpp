@@ -36,18 +36,15 @@ struct tFreshHome {
 // The text an exception gives through std::exception::what().
 std::string gWhat(std::exception const& error) { return error.what(); }
 
-TEST(AssociativeArrayExceptions, TakeTheirTextsFromTheLoadEngineFileThroughWhat) {
+// With a text in the file, what() gives it filled in; without the file or the
+// key, the text still names file, key and parameters.
+TEST(ErrorExceptions, TakeTheirTextsFromTheFileOrNameWhatTheyLack) {
   gUseTestHome();
-  EXPECT_EQ(gWhat(CIllegalAssoSyntaxException("x{")),
-            "Syntax error in the parameter string at \"x{\".");
+  EXPECT_EQ(gWhat(CIllegalAssoSyntaxException("x{")), "Syntax error in the parameter string at \"x{\".");
   EXPECT_EQ(gWhat(CAssoKeyDoesNotExistException("Speed", "1 '2 ab '1 c ")),
             "The parameter \"Speed\" does not exist in the parameter string \"1 '2 ab '1 c \".");
   iKRException const& base = CAssoKeyDoesNotExistException("k", "array");
   EXPECT_STREQ(base.fGetErrorMsg(), base.what());
-}
-
-TEST(KRErrorException, WithoutFileOrKeyTheTextStillNamesFileKeyAndParameters) {
-  gUseTestHome();
   EXPECT_STREQ(
       KRErrorException("loadengine.frm", 999, "p1", std::string("p2")).what(),
       "No text for key 999 in error text file \"loadengine.frm\"; parameters: \"p1\", \"p2\"");
