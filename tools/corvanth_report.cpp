@@ -15,9 +15,9 @@ namespace nCorvanthTool {
 
 std::string gReportUsage() {
   return "  report [--out <file>] [--from <file>]\n"
-         "               gather this host's support information and write the report to the file\n"
-         "               or standard output; with --from, write the report of a DB read from the\n"
-         "               string form in that file instead (working files go to the current directory)\n"
+         "               gather this host's support information (its working files pass through\n"
+         "               the current directory) and write the report to the file or standard\n"
+         "               output; --from writes the report of a DB read as a string form from a file\n"
          "  report --db  print this host's support information as a string form\n";
 }
 

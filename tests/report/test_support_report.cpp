@@ -276,13 +276,13 @@ TEST_F(Report, EnvironmentBlockFillsLinuxValuesAndKeepsUnsetTemplates) {
   EXPECT_EQ(ExpandEnvironmentStringsA("%%|%TMP%", target, sizeof target), 14u);
   EXPECT_STREQ(target, "%%|/var");
 
+  // A command's result: negative, or 0 with ENOENT, is a failure.
   cProbe probe;
   errno = ENOENT;
-  EXPECT_FALSE(probe.CheckGenerateError(0));
-  EXPECT_FALSE(probe.CheckGenerateError(-1));
+  EXPECT_EQ(std::vector<bool>({probe.CheckGenerateError(0), probe.CheckGenerateError(-1), probe.CheckGenerateError(1)}),
+            std::vector<bool>({false, false, true}));
   errno = 0;
   EXPECT_TRUE(probe.CheckGenerateError(0));
-  EXPECT_TRUE(probe.CheckGenerateError(1));
 }
 
 TEST_F(Report, DrivesBlockHoldsFixedAndRemoteRootsOnly) {
@@ -399,10 +399,8 @@ TEST_F(Report, ToolWritesTheReportItsDBAndTheReportOfAGivenDB) {
   ASSERT_EQ(run("--out '" + file + "'", stdoutFile), 0);
   std::string const report = gRead(file);
   EXPECT_TRUE(gRead(stdoutFile).empty());
-  for (char const* title : {"IP Configuration: ", "System And Hardware Configuration: ",
-                            "Kestrun Product Information(mxcti.dll): ", "Kestrun.ini File: "})
-    EXPECT_NE(report.find(gHeading(title)), std::string::npos) << title;
-  EXPECT_TRUE(report.ends_with(gHeading("Kestrun.ini File: ") + "k=v\n"));
+  EXPECT_TRUE(report.ends_with(gHeading("Kestrun Product Information(mxcti.dll): ") + "Not Found" +
+                               gHeading("Kestrun.ini File: ") + "k=v\n"));
   EXPECT_TRUE(fWorkingFiles().empty());
 
   std::string const dbFile = (mRoot / "db.txt").string();
