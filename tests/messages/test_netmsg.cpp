@@ -82,7 +82,7 @@ TEST(RoutableMessage, MissingDataOrAddressesAreLoggedAndShapeTheBlock) {
   EXPECT_STREQ(received.getToClient(), "");
 }
 
-TEST(RoutableMessage, RePackMeChangesOnlyTheAddressAndFreesTheOldBlock) {
+TEST(RoutableMessage, RePackMeChangesOnlyTheAddressFreesTheOldBlockAndCopiesShareIt) {
   cCorvanthMessage message(kExample.data(), 57, 5, 2);
   const char* oldBlock = message.getPackedBuf();
   // The new address may come from the old block itself.
@@ -97,9 +97,8 @@ TEST(RoutableMessage, RePackMeChangesOnlyTheAddressAndFreesTheOldBlock) {
   const std::string packed = gBlock(message);
   message.setSubtype(77);  // the block keeps the subtype it was packed with
   EXPECT_EQ(gBlock(message), packed);
-}
 
-TEST(RoutableMessage, CopiesShareTheBlockAndEachMayGo) {
+  // Copies share the block, and each may go.
   auto* original = new cCorvanthMessage(gExampleMessage());
   cCorvanthMessage copy(*original);
   EXPECT_EQ(copy.getPackedBuf(), original->getPackedBuf());
