@@ -377,9 +377,12 @@ class cBus {
       if (!gEndsWith(name, kSuffix) || gEndsWith(name, "@.service")) continue;
       names.push_back(name.substr(0, name.size() - (sizeof kSuffix - 1)));
     }
+    // An inactive unit that nobody holds is collected again at once, and its
+    // dependencies with it: this connection holds each until it closes.
     std::string path;
-    for (const std::string& name : names) fUnitPath(name, path);  // a broken file is skipped
-    mOwner->SetLastError(ERROR_SUCCESS);
+    for (const std::string& name : names)
+      if (fUnitPath(name, path)) fCall("RefUnit", nullptr, "s", (name + kSuffix).c_str());
+    mOwner->SetLastError(ERROR_SUCCESS);  // a broken file is skipped
     return true;
   }
 
@@ -557,15 +560,16 @@ bool gReadConfig(cBus& bus, const std::string& path, cConfig& config) {
 }
 
 
-// Texts in a unit file stay on their line; '%' and '$' are systemd's own.
+// Texts in a unit file stay on their line; '%' is systemd's own everywhere,
+// '$' in command lines.
 bool gOneLine(const char* text) {
   return text == nullptr || std::strpbrk(text, "\r\n") == nullptr;
 }
 
-std::string gEscaped(const std::string& text) {
+std::string gEscaped(const std::string& text, bool command) {
   std::string escaped;
   for (char c : text) {
-    if (c == '%' || c == '$') escaped += c;
+    if (c == '%' || (command && c == '$')) escaped += c;
     escaped += c;
   }
   return escaped;
@@ -575,12 +579,12 @@ std::string gEscaped(const std::string& text) {
 std::string gCommandOf(const std::string& binary) {
   if (!binary.empty() && binary[0] != '"' && binary.find_first_of(" \t") != std::string::npos &&
       access(binary.c_str(), F_OK) == 0)
-    return gEscaped(gQuoted(binary));
-  return gEscaped(binary);
+    return gEscaped(gQuoted(binary), true);
+  return gEscaped(binary, true);
 }
 
 std::string gUnitText(const cConfig& config) {
-  std::string text = "[Unit]\nDescription=" + gEscaped(config.mDisplay) + "\n";
+  std::string text = "[Unit]\nDescription=" + gEscaped(config.mDisplay, false) + "\n";
   if (!config.mDependencies.empty()) {
     std::string units;
     for (const std::string& name : config.mDependencies) units += " " + name + kSuffix;
