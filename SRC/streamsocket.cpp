@@ -1,6 +1,8 @@
 // Frames go out as one block through a single write, header and payload
-// together: one allocation and one copy of the payload per send. A received
-// payload is read straight into the array that the caller gets.
+// together: one allocation and one copy of the payload per send. A batch
+// goes out through one gather write with the payloads where the caller keeps
+// them (over TLS, copied into records of 16 KiB). A received payload is read
+// straight into the array that the caller gets.
 #include "streamsocket.h"
 
 #include <openssl/err.h>
@@ -23,6 +25,7 @@
 #include <string_view>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "Log.dec.h"
 
@@ -74,6 +77,52 @@ class cSigpipeHeld {
 void gReadAhead(SSL* object) {
   SSL_set_read_ahead(object, 1);
   SSL_set_default_read_buffer_len(object, 65536);
+}
+
+// Batches are written in rounds of at most this many frames, two pieces
+// each, so that the pieces of a round fit one sendmsg (IOV_MAX is 1024).
+constexpr std::size_t kRoundFrames = 512;
+// The largest record of TLS; a batch fills records up to this size.
+constexpr int kRecord = 16384;
+// A cork's buffer goes out when the next frame would take it past this.
+constexpr std::size_t kCorkLimit = 64 * 1024;
+
+// The statements of one send, shared by a single send and every frame of a
+// batch: a trace, then the checks of the pointer and the length, and for a
+// payload the pointer's check once more, the one that precedes the copy.
+void gSendStatements(char const* message, int length) {
+  CORVANTH_LOG(nCorvanth::sTraceTag_, "streamsocket");
+  CORVANTH_ASSERT(message != nullptr, "streamsocket");
+  CORVANTH_ASSERT(length >= 0, "streamsocket");
+  if (length > 0) CORVANTH_ASSERT(message != nullptr, "streamsocket");
+}
+
+// The byte count that a single send hands to its write: the frame's length,
+// wrapping below 0 for the top 8 payload lengths and below -8.
+int gFrameCount(int length) {
+  return static_cast<int>(static_cast<std::uint32_t>(length) + sizeof(c_MessageHeader));
+}
+
+// The statements of one frame of a batch, its header, and the two pieces that
+// hold the bytes a single send puts on the wire: the header (only its first
+// count bytes for a length of -8 to -1) and the payload, or zeros for a
+// missing one, kept in zeros. The count, which is negative for a frame that a
+// single send hands to its write with no bytes to send.
+int gPrepareFrame(StreamSocket::TypedFrame const& frame, c_MessageHeader& header, iovec pieces[2],
+                  std::vector<std::unique_ptr<char[]>>& zeros) {
+  gSendStatements(frame.message, frame.length);
+  SSMMakeMessageHeader(frame.length, frame.type, frame.subtype, &header);
+  int const count = gFrameCount(frame.length);
+  if (count < 0) return count;
+  std::size_t const payload = frame.length > 0 ? static_cast<std::size_t>(frame.length) : 0;
+  char const* bytes = frame.message;
+  if (payload > 0 && bytes == nullptr) {
+    zeros.emplace_back(new char[payload]());
+    bytes = zeros.back().get();
+  }
+  pieces[0] = {&header, std::min<std::size_t>(sizeof header, static_cast<std::size_t>(count))};
+  pieces[1] = {const_cast<char*>(bytes), payload};
+  return count;
 }
 
 std::string gVerifyFailure(char const* role, long result) {
@@ -274,25 +323,23 @@ void StreamSocket::CloseSocket() {
 nSocket::cHandleOptional StreamSocket::f_GetInternal_debug() const { return handle; }
 
 bool StreamSocket::SendTypedMessageZ2(short type, short subtype, const char* message, int length) {
-  CORVANTH_LOG(nCorvanth::sTraceTag_, "streamsocket");
-  CORVANTH_ASSERT(message != nullptr, "streamsocket");
-  CORVANTH_ASSERT(length >= 0, "streamsocket");
+  if (corked) {
+    TypedFrame const frame{type, subtype, message, length};
+    return CorkFrames({&frame, 1});
+  }
+  gSendStatements(message, length);
   c_MessageHeader header;
   SSMMakeMessageHeader(length, type, subtype, &header);
   // A negative length still goes on, as the count of the write, but the array
   // is never smaller than the header. The count wraps for the top 8 lengths,
   // which the write then refuses: it is asked with the header alone, so such
   // a frame never costs a 2 GiB copy first.
-  int const count = static_cast<int>(static_cast<std::uint32_t>(length) + sizeof header);
-  if (length > 0 && count < 0) {
-    CORVANTH_ASSERT(message != nullptr, "streamsocket");  // the check that precedes the copy
-    return WriteDataZ1(count, reinterpret_cast<char const*>(&header));
-  }
+  int const count = gFrameCount(length);
+  if (length > 0 && count < 0) return WriteDataZ1(count, reinterpret_cast<char const*>(&header));
   std::size_t const payload = length > 0 ? static_cast<std::size_t>(length) : 0;
   std::unique_ptr<char[]> frame(new char[payload + sizeof header]);
   std::memcpy(frame.get(), &header, sizeof header);
   if (length > 0) {
-    CORVANTH_ASSERT(message != nullptr, "streamsocket");
     // Zeros stand in for a missing payload, rather than stale heap bytes.
     if (message != nullptr) {
       std::memcpy(frame.get() + sizeof header, message, payload);
@@ -301,6 +348,80 @@ bool StreamSocket::SendTypedMessageZ2(short type, short subtype, const char* mes
     }
   }
   return WriteDataZ1(count, frame.get());
+}
+
+bool StreamSocket::SendTypedMessagesZ2(std::span<const TypedFrame> frames) {
+  if (corked) return CorkFrames(frames);
+  c_MessageHeader headers[kRoundFrames];
+  iovec pieces[2 * kRoundFrames];
+  std::vector<std::unique_ptr<char[]>> zeros;
+  std::size_t at = 0;
+  while (at < frames.size()) {
+    int count = 0;
+    int refused = 0;
+    for (std::size_t n = 0; n < kRoundFrames && at < frames.size() && refused >= 0; ++n, ++at) {
+      refused = gPrepareFrame(frames[at], headers[n], pieces + count, zeros);
+      if (refused >= 0) count += 2;
+    }
+    if (count > 0 && !WritePieces(pieces, count)) return false;
+    zeros.clear();
+    // As the single send does: the write is asked with the header alone, and
+    // refuses (over TLS a count below 0 counts as nothing left to write).
+    if (refused < 0 && !WriteDataZ1(refused, reinterpret_cast<char const*>(&headers[count / 2]))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+void StreamSocket::BeginBatch() {
+  if (corked) return;
+  corked = true;
+  corkFailed = false;
+  cork.clear();
+}
+
+bool StreamSocket::EndBatch() {
+  if (!corked) return true;
+  corked = false;
+  bool sent = true;
+  if (!cork.empty()) {
+    iovec piece{cork.data(), cork.size()};
+    sent = WritePieces(&piece, 1);
+    cork.clear();
+  }
+  return sent && !std::exchange(corkFailed, false);
+}
+
+bool StreamSocket::CorkFrames(std::span<const TypedFrame> frames) {
+  std::vector<std::unique_ptr<char[]>> zeros;
+  for (TypedFrame const& frame : frames) {
+    c_MessageHeader header;
+    iovec pieces[3];
+    int const count = gPrepareFrame(frame, header, pieces + 1, zeros);
+    // Refused as by the single send; nothing of it reaches the buffer.
+    if (count < 0 && !WriteDataZ1(count, reinterpret_cast<char const*>(&header))) return false;
+    if (count < 0) continue;
+    if (cork.size() + pieces[1].iov_len + pieces[2].iov_len > kCorkLimit) {
+      // The buffer and the frame that would pass the limit, in one write,
+      // the frame from where the caller keeps it.
+      pieces[0] = {cork.data(), cork.size()};
+      bool const sent = WritePieces(pieces, 3);
+      cork.clear();
+      zeros.clear();
+      if (!sent) {
+        corkFailed = true;
+        return false;
+      }
+      continue;
+    }
+    for (iovec const& piece : {pieces[1], pieces[2]}) {
+      char const* const bytes = static_cast<char const*>(piece.iov_base);
+      cork.insert(cork.end(), bytes, bytes + piece.iov_len);
+    }
+    zeros.clear();
+  }
+  return true;
 }
 
 bool StreamSocket::WaitTypedMessageZ1(short& type, short& subtype, char*& message, int& length,
@@ -360,6 +481,51 @@ bool StreamSocket::WriteDataZ1(int count, const char* data) {
   }
   if (!sslEnable) return nSocket::gSend(nSocket::gValidate(handle), count, data);
   return WriteTls(count, data);
+}
+
+bool StreamSocket::WritePieces(iovec* pieces, int count) {
+  if (shutdownRequested.load()) {
+    CORVANTH_LOG(nLog::nBasic::sTraceDebugInfoTag_, "streamsocket",
+                 "WriteDataZ1 aborted because shutdown is requested.");
+    return false;
+  }
+  if (!sslEnable) return nSocket::gSendGather(nSocket::gValidate(handle), pieces, count);
+  cSigpipeHeld held;  // once for the batch
+  char record[kRecord];
+  int filled = 0;
+  // Each record is one write as WriteDataZ1 makes it, the entry test included.
+  auto const write = [&](char const* data, int size) {
+    if (shutdownRequested.load()) {
+      CORVANTH_LOG(nLog::nBasic::sTraceDebugInfoTag_, "streamsocket",
+                   "WriteDataZ1 aborted because shutdown is requested.");
+      return false;
+    }
+    return held.fCheck(WriteTlsPieces(size, data, kRecord) ? 1 : 0) > 0;
+  };
+  for (int i = 0; i < count; ++i) {
+    char const* data = static_cast<char const*>(pieces[i].iov_base);
+    std::size_t left = pieces[i].iov_len;
+    while (left > 0) {
+      if (filled == 0 && left >= static_cast<std::size_t>(kRecord)) {
+        // Whole records straight from the caller's bytes: no copy.
+        std::size_t const whole = left - left % kRecord;
+        if (!write(data, static_cast<int>(whole))) return false;
+        data += whole;
+        left -= whole;
+        continue;
+      }
+      std::size_t const taken = std::min(left, static_cast<std::size_t>(kRecord - filled));
+      std::memcpy(record + filled, data, taken);
+      filled += static_cast<int>(taken);
+      data += taken;
+      left -= taken;
+      if (filled == kRecord) {
+        if (!write(record, filled)) return false;
+        filled = 0;
+      }
+    }
+  }
+  return filled == 0 || write(record, filled);
 }
 
 bool StreamSocket::EnterTls() {
@@ -437,6 +603,11 @@ bool StreamSocket::ReadTls(int count, char* buffer) {
 
 bool StreamSocket::WriteTls(int count, char const* data) {
   cSigpipeHeld held;  // once for the whole frame: two system calls less per piece
+  // A SIGPIPE can be pending only after a write that failed, which fails the loop.
+  return held.fCheck(WriteTlsPieces(count, data, 8192) ? 1 : 0) > 0;
+}
+
+bool StreamSocket::WriteTlsPieces(int count, char const* data, int piece) {
   int done = 0;
   for (;;) {
     if (done >= count) return true;
@@ -445,7 +616,7 @@ bool StreamSocket::WriteTls(int count, char const* data) {
     int error = SSL_ERROR_SSL;
     int number = 0;
     if (ssl != nullptr) {  // as in the read loop: no SSL object is a failed call
-      result = held.fCheck(SSL_write(ssl, data + done, std::min(8192, count - done)));
+      result = SSL_write(ssl, data + done, std::min(piece, count - done));
       if (result <= 0) error = SSL_get_error(ssl, result);
       number = errno;
     }

@@ -1,6 +1,7 @@
 // What the frame benchmarks share: batches of frames with a counter the
-// sender waits on, the StreamSocket throughput and round-trip loops, and a
-// run of five repetitions in random order whose medians give the ratios.
+// sender waits on, the StreamSocket throughput (one send per frame, or
+// gathered sends of several) and round-trip loops, and a run of five
+// repetitions in random order whose medians give the ratios.
 //
 // Throughput: one iteration sends a batch of frames from the benchmark thread
 // and ends when a receiving thread has taken all of them; the counters give
@@ -78,10 +79,10 @@ bool gReceiveFrame(ReadExactly&& read, std::vector<char>& payload, short& type) 
   return read(payload.data(), payload.size());
 }
 
-// Throughput: send(type, data, size) on this thread, and receive(buffer,
-// type) on a thread of its own.
-template <class Send, class Receive>
-void gBaselineThroughput(benchmark::State& state, Send&& send, Receive&& receive) {
+// Throughput: sendAll(type, data, size, count) sends count equal frames on
+// this thread, and receive(buffer, type) takes one on a thread of its own.
+template <class SendAll, class Receive>
+void gThroughput(benchmark::State& state, SendAll&& sendAll, Receive&& receive) {
   std::size_t const size = static_cast<std::size_t>(state.range(0));
   int const batch = gBatch(size);
   std::vector<char> const payload(size, 'x');
@@ -98,28 +99,60 @@ void gBaselineThroughput(benchmark::State& state, Send&& send, Receive&& receive
   });
   long batches = 0;
   for (auto _ : state) {
-    for (int i = 0; i < batch; ++i) {
-      if (!send(kData, payload.data(), size)) state.SkipWithError("send failed");
-    }
+    if (!sendAll(kData, payload.data(), size, batch)) state.SkipWithError("send failed");
     counter.fWaitFor(++batches);
   }
-  send(kStop, "", 0);
+  sendAll(kStop, "", 0, 1);
   receiver.join();
   state.SetItemsProcessed(state.iterations() * batch);
   state.SetBytesProcessed(state.iterations() * batch * static_cast<std::int64_t>(size));
+}
+
+// The same with send(type, data, size), one frame per call.
+template <class Send, class Receive>
+void gBaselineThroughput(benchmark::State& state, Send&& send, Receive&& receive) {
+  gThroughput(
+      state,
+      [&](short type, char const* data, std::size_t size, int count) {
+        bool sent = true;
+        for (int i = 0; i < count; ++i) sent = send(type, data, size) && sent;
+        return sent;
+      },
+      receive);
+}
+
+inline bool gTakeAndFree(StreamSocket& socket, short& type) {
+  char* message = nullptr;
+  int length = 0;
+  if (!gTake(socket, type, message, length)) return false;
+  socket.FreeMessage(message);
+  return true;
 }
 
 inline void gStreamThroughput(benchmark::State& state, StreamSocket& client, StreamSocket& server) {
   gBaselineThroughput(
       state,
       [&](short type, char const* data, std::size_t size) { return client.SendTypedMessageZ2(type, 0, data, int(size)); },
-      [&](std::vector<char>&, short& type) {
-        char* message = nullptr;
-        int length = 0;
-        if (!gTake(server, type, message, length)) return false;
-        server.FreeMessage(message);
-        return true;
-      });
+      [&](std::vector<char>&, short& type) { return gTakeAndFree(server, type); });
+}
+
+// The frames of an iteration in SendTypedMessagesZ2 calls of perCall frames
+// each (the last call takes the rest); the receiver reads one frame at a time.
+inline void gStreamBatchedThroughput(benchmark::State& state, StreamSocket& client, StreamSocket& server,
+                                     int perCall) {
+  std::vector<StreamSocket::TypedFrame> frames;
+  gThroughput(
+      state,
+      [&](short type, char const* data, std::size_t size, int count) {
+        frames.assign(static_cast<std::size_t>(perCall), StreamSocket::TypedFrame{type, 0, data, int(size)});
+        bool sent = true;
+        for (int at = 0; at < count; at += perCall) {
+          std::size_t const now = static_cast<std::size_t>(std::min(perCall, count - at));
+          sent = client.SendTypedMessagesZ2({frames.data(), now}) && sent;
+        }
+        return sent;
+      },
+      [&](std::vector<char>&, short& type) { return gTakeAndFree(server, type); });
 }
 
 inline void gStreamRoundTrip(benchmark::State& state, StreamSocket& client, StreamSocket& server) {

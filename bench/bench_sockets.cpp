@@ -1,6 +1,7 @@
-// Frames over TCP loopback: StreamSocket beside a plain POSIX loop (header and
-// payload written by one send, read back with exact reads) and beside ZeroMQ
-// PAIR sockets, in the same run.
+// Frames over TCP loopback: StreamSocket, one send per frame and in batches of
+// 16 and 64 frames per SendTypedMessagesZ2, beside a plain POSIX loop (header
+// and payload written by one send, read back with exact reads) and beside
+// ZeroMQ PAIR sockets, in the same run.
 //
 // Throughput and round trip as FrameBench.h measures them.
 //
@@ -59,6 +60,17 @@ struct cStreamPair {
 void BM_StreamSocket_Throughput(benchmark::State& state) {
   cStreamPair pair;
   gStreamThroughput(state, pair.mClient, *pair.mServer);
+}
+
+// The same frames in SendTypedMessagesZ2 calls of 16 and of 64 frames.
+void BM_StreamSocket_Batched16_Throughput(benchmark::State& state) {
+  cStreamPair pair;
+  gStreamBatchedThroughput(state, pair.mClient, *pair.mServer, 16);
+}
+
+void BM_StreamSocket_Batched64_Throughput(benchmark::State& state) {
+  cStreamPair pair;
+  gStreamBatchedThroughput(state, pair.mClient, *pair.mServer, 64);
 }
 
 void BM_StreamSocket_RoundTrip(benchmark::State& state) {
@@ -170,6 +182,12 @@ void BM_PlainLoop_RoundTrip(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
 }
 
+// Batching pays for small frames; 64 KiB shows what it costs for large ones.
+void gBatchedSizes(benchmark::internal::Benchmark* benchmark) {
+  for (int size : {64, 1024, 64 * 1024}) benchmark->Arg(size);
+  benchmark->UseRealTime()->Unit(benchmark::kMicrosecond);
+}
+
 #if CORVANTH_HAVE_ZEROMQ
 // --- ZeroMQ PAIR over TCP loopback -------------------------------------------
 
@@ -254,6 +272,8 @@ void BM_ZeroMQ_RoundTrip(benchmark::State& state) {
 
 BENCHMARK(BM_StreamSocket_Throughput)->Apply(gSizes);
 BENCHMARK(BM_PlainLoop_Throughput)->Apply(gSizes);
+BENCHMARK(BM_StreamSocket_Batched16_Throughput)->Apply(gBatchedSizes);
+BENCHMARK(BM_StreamSocket_Batched64_Throughput)->Apply(gBatchedSizes);
 BENCHMARK(BM_StreamSocket_RoundTrip)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_PlainLoop_RoundTrip)->UseRealTime()->Unit(benchmark::kMicrosecond);
 #if CORVANTH_HAVE_ZEROMQ
@@ -275,6 +295,17 @@ int main(int argc, char** argv) {
                     std::string("BM_PlainLoop_Throughput/") + size + "/real_time");
     reporter.fRatio(std::string("StreamSocket / ZeroMQ, frames per second at ") + size + " B", ours,
                     std::string("BM_ZeroMQ_Throughput/") + size + "/real_time");
+  }
+  for (char const* size : {"64", "1024", "65536"}) {
+    for (char const* perCall : {"16", "64"}) {
+      std::string const ours =
+          std::string("BM_StreamSocket_Batched") + perCall + "_Throughput/" + size + "/real_time";
+      std::string const what = std::string("StreamSocket batches of ") + perCall;
+      reporter.fRatio(what + " / ZeroMQ, frames per second at " + size + " B", ours,
+                      std::string("BM_ZeroMQ_Throughput/") + size + "/real_time");
+      reporter.fRatio(what + " / plain loop, frames per second at " + size + " B", ours,
+                      std::string("BM_PlainLoop_Throughput/") + size + "/real_time");
+    }
   }
   reporter.fRatio("StreamSocket / plain loop, round trips per second at 64 B",
                   "BM_StreamSocket_RoundTrip/real_time", "BM_PlainLoop_RoundTrip/real_time");

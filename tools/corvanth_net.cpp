@@ -1,5 +1,6 @@
-// serve, send, local_thr and remote_thr: the road of one request, string form
-// to string form, between two processes.
+// serve, send: the road of one request, string form to string form, between
+// two processes. local_thr/remote_thr and local_lat/remote_lat: frames per
+// second, MB/s and latency percentiles between two processes or machines.
 //
 // Parameters on the command line are key=value. Values take the escapes \\,
 // \0, \n, \r, \t and \xNN, so any byte can travel; a value written {k=v,...}
@@ -14,9 +15,13 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cctype>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -63,15 +68,27 @@ char const* const kSendUsage =
 char const* const kLocalThrUsage =
     "  local_thr [--host <address>] [--port <port>] <size> <count>\n"
     "               take <count> frames of <size> bytes from one connection and print the\n"
-    "               throughput (start it first; remote_thr sends)\n";
+    "               frames/s, MB/s and the wait per frame (p50, p99, p99.9); start it\n"
+    "               first, remote_thr sends\n";
 char const* const kRemoteThrUsage =
-    "  remote_thr --port <port> [--host <address>] <size> <count>\n"
-    "               send <count> frames of <size> bytes to local_thr\n";
+    "  remote_thr --port <port> [--host <address>] [--batch <n>] <size> <count>\n"
+    "               send <count> frames of <size> bytes to local_thr, one send each or\n"
+    "               <n> frames per gather write, and print the sender's figures\n";
+char const* const kLocalLatUsage =
+    "  local_lat [--host <address>] [--port <port>] <size> <count>\n"
+    "               answer <count> frames of <size> bytes from one connection with the same\n"
+    "               frame and print round trips as seen from here; start it first\n";
+char const* const kRemoteLatUsage =
+    "  remote_lat --port <port> [--host <address>] <size> <count>\n"
+    "               send <count> frames of <size> bytes to local_lat, each after the answer\n"
+    "               to the one before, and print frames/s, MB/s and the round trip (p50,\n"
+    "               p99, p99.9)\n";
 
 }  // namespace
 
 std::string gNetUsage() {
-  return std::string(kServeUsage) + kSendUsage + kLocalThrUsage + kRemoteThrUsage;
+  return std::string(kServeUsage) + kSendUsage + kLocalThrUsage + kRemoteThrUsage +
+         kLocalLatUsage + kRemoteLatUsage;
 }
 
 namespace {
@@ -553,95 +570,252 @@ int gSend(int argc, char** argv) {
   });
 }
 
-int gLocalThr(int argc, char** argv) {
-  return gRun("local_thr", kLocalThrUsage, [&] {
-    cArguments const arguments(argc, argv, {"--host", "--port"});
-    if (arguments.fPositional().size() != 2) throw cUsageError{"local_thr needs <size> <count>"};
-    std::string const host = arguments.fText("--host", "127.0.0.1");
-    auto const port = static_cast<unsigned short>(arguments.fNumber("--port", 0, 0, 65535));
-    long long const size =
-        cArguments::gNumber(arguments.fPositional()[0], 0, 1 << 30, "the message size");
-    long long const count =
-        cArguments::gNumber(arguments.fPositional()[1], 1, 1LL << 40, "the message count");
+namespace {
 
+using tClock = std::chrono::steady_clock;
+
+std::int64_t gNanoseconds(tClock::duration took) {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(took).count();
+}
+
+// Durations in buckets of 1/32 of a power of two (about 3 % wide), so that a
+// run of any length costs the same fixed memory.
+class cLatencies {
+ public:
+  void fAdd(std::int64_t nanoseconds) {
+    ++mCounts[gBucket(nanoseconds > 0 ? static_cast<std::uint64_t>(nanoseconds) : 0)];
+    ++mTotal;
+  }
+  // The middle of the bucket that holds the given share of the durations, in µs.
+  double fPercentile(double share) const {
+    auto const wanted = static_cast<std::uint64_t>(std::ceil(share * double(mTotal)));
+    std::uint64_t seen = 0;
+    for (std::size_t bucket = 0; bucket < mCounts.size(); ++bucket) {
+      seen += mCounts[bucket];
+      if (seen >= std::max<std::uint64_t>(wanted, 1)) return gMiddle(bucket) / 1000.0;
+    }
+    return 0;
+  }
+  std::string fText() const {
+    char text[128];
+    std::snprintf(text, sizeof text, "p50 %.2f [us], p99 %.2f [us], p99.9 %.2f [us]",
+                  fPercentile(0.5), fPercentile(0.99), fPercentile(0.999));
+    return text;
+  }
+
+ private:
+  static std::size_t gBucket(std::uint64_t value) {
+    if (value < 32) return static_cast<std::size_t>(value);
+    int const power = 63 - std::countl_zero(value);
+    return static_cast<std::size_t>((power - 4) * 32) + ((value >> (power - 5)) & 31);
+  }
+  static double gMiddle(std::size_t bucket) {
+    if (bucket < 32) return double(bucket);
+    int const power = static_cast<int>(bucket / 32) + 4;
+    double const low = double((32 + bucket % 32) << (power - 5));
+    return low + double(std::uint64_t(1) << (power - 5)) / 2;
+  }
+
+  std::array<std::uint64_t, 60 * 32> mCounts{};
+  std::uint64_t mTotal = 0;
+};
+
+void gPrintRate(char const* what, double frames, double seconds, long long size) {
+  double const rate = seconds > 0 ? frames / seconds : 0;
+  std::printf("%s: %.0f frames/s, %.3f MB/s\n", what, rate, rate * double(size) / 1e6);
+}
+
+// <size> <count> and the rest of the measuring verbs' command line.
+struct cMeasure {
+  std::string mHost;
+  unsigned short mPort = 0;
+  long long mSize = 0;
+  long long mCount = 0;
+  long long mBatch = 1;
+
+  cMeasure(int argc, char** argv, char const* verb, bool connects, bool batches) {
+    std::vector<std::string_view> options = {"--host", "--port"};
+    if (batches) options.push_back("--batch");
+    cArguments const arguments(argc, argv, options);
+    if (arguments.fPositional().size() != 2) {
+      throw cUsageError{std::string(verb) + " needs <size> <count>"};
+    }
+    if (connects && !arguments.fHas("--port")) throw cUsageError{std::string(verb) + " needs --port"};
+    mHost = arguments.fText("--host", "127.0.0.1");
+    mPort = static_cast<unsigned short>(arguments.fNumber("--port", 0, connects ? 1 : 0, 65535));
+    mSize = cArguments::gNumber(arguments.fPositional()[0], 0, 1 << 30, "the message size");
+    mCount = cArguments::gNumber(arguments.fPositional()[1], 1, 1LL << 40, "the message count");
+    mBatch = arguments.fNumber("--batch", 1, 1, 1 << 16);
+  }
+
+  // The one connection of a local_ verb.
+  std::unique_ptr<StreamSocket> fAcceptOne() const {
     std::unique_ptr<StreamSocket> listener;
-    gListen(host, port, listener);
+    gListen(mHost, mPort, listener);
     auto [accepted, ssl, ignored] = listener->Accept(nSock::cSocketOptions());
     listener->CloseSocket();
     if (!accepted.fIsValid()) throw std::runtime_error("no connection came");
-    StreamSocket connection(nSock::gValidate(accepted), false, ssl, false, false, "");
-    std::chrono::steady_clock::time_point start;
-    for (long long k = 0; k < count; ++k) {
-      short type = 0;
-      short subtype = 0;
-      char* bytes = nullptr;
-      int length = 0;
-      if (!connection.WaitTypedMessageZ1(type, subtype, bytes, length, nullptr)) {
+    return std::make_unique<StreamSocket>(nSock::gValidate(accepted), false, ssl, false, false, "");
+  }
+  std::unique_ptr<StreamSocket> fConnect() const {
+    nSock::cSocketOptions options;
+    options.fSetReceiveTimeout(nTime::cDiff::gSeconds(60));
+    auto socket = std::make_unique<StreamSocket>();
+    socket->Connect(mHost, mPort, options);
+    return socket;
+  }
+};
+
+// One frame, its length checked; false when the connection ended.
+bool gTakeFrame(StreamSocket& socket, long long size, long long k, std::vector<char>* keep) {
+  short type = 0;
+  short subtype = 0;
+  char* bytes = nullptr;
+  int length = 0;
+  if (!socket.WaitTypedMessageZ1(type, subtype, bytes, length, nullptr)) return false;
+  if (keep != nullptr && bytes != nullptr) keep->assign(bytes, bytes + length);
+  socket.FreeMessage(bytes);
+  if (length != size) {
+    throw std::runtime_error("message " + std::to_string(k) + " has " + std::to_string(length) +
+                             " bytes, not " + std::to_string(size));
+  }
+  return true;
+}
+
+}  // namespace
+
+int gLocalThr(int argc, char** argv) {
+  return gRun("local_thr", kLocalThrUsage, [&] {
+    cMeasure const measure(argc, argv, "local_thr", false, false);
+    std::unique_ptr<StreamSocket> const connection = measure.fAcceptOne();
+    cLatencies waits;
+    tClock::time_point start;
+    tClock::time_point before = tClock::now();
+    for (long long k = 0; k < measure.mCount; ++k) {
+      if (!gTakeFrame(*connection, measure.mSize, k, nullptr)) {
         throw std::runtime_error("the connection ended after " + std::to_string(k) + " messages");
       }
-      connection.FreeMessage(bytes);
-      if (k == 0) start = std::chrono::steady_clock::now();
-      if (length != size) {
-        throw std::runtime_error("message " + std::to_string(k) + " has " + std::to_string(length) +
-                                 " bytes, not " + std::to_string(size));
+      tClock::time_point const now = tClock::now();
+      // The clock starts at the first message, so count - 1 of them are timed.
+      if (k == 0) {
+        start = now;
+      } else {
+        waits.fAdd(gNanoseconds(now - before));
       }
+      before = now;
     }
-    double const seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    connection.SendTypedMessageZ2(0, 0, "done", 4);
-    connection.CloseSocket();
-    // The clock starts at the first message, so count - 1 of them are timed.
-    double const rate = count > 1 && seconds > 0 ? double(count - 1) / seconds : 0;
-    std::printf("message size: %lld [B]\nmessage count: %lld\n", size, count);
+    double const seconds = std::chrono::duration<double>(tClock::now() - start).count();
+    connection->SendTypedMessageZ2(0, 0, "done", 4);
+    connection->CloseSocket();
+    double const timed = double(measure.mCount - 1);
+    double const rate = measure.mCount > 1 && seconds > 0 ? timed / seconds : 0;
+    std::printf("message size: %lld [B]\nmessage count: %lld\n", measure.mSize, measure.mCount);
     std::printf("mean throughput: %.0f [msg/s]\nmean throughput: %.3f [Mb/s]\n", rate,
-                rate * double(size) * 8 / 1e6);
+                rate * double(measure.mSize) * 8 / 1e6);
+    gPrintRate("throughput", timed, seconds, measure.mSize);
+    std::printf("wait per frame: %s\n", waits.fText().c_str());
     return 0;
   });
 }
 
 int gRemoteThr(int argc, char** argv) {
   return gRun("remote_thr", kRemoteThrUsage, [&] {
-    cArguments const arguments(argc, argv, {"--host", "--port"});
-    if (arguments.fPositional().size() != 2) throw cUsageError{"remote_thr needs <size> <count>"};
-    if (!arguments.fHas("--port")) throw cUsageError{"remote_thr needs --port"};
-    std::string const host = arguments.fText("--host", "127.0.0.1");
-    auto const port = static_cast<unsigned short>(arguments.fNumber("--port", 0, 1, 65535));
-    long long const size =
-        cArguments::gNumber(arguments.fPositional()[0], 0, 1 << 30, "the message size");
-    long long const count =
-        cArguments::gNumber(arguments.fPositional()[1], 1, 1LL << 40, "the message count");
-
-    std::vector<char> const payload(static_cast<std::size_t>(size), 'm');
-    nSock::cSocketOptions options;
-    options.fSetReceiveTimeout(nTime::cDiff::gSeconds(60));
-    StreamSocket socket;
-    socket.Connect(host, port, options);
-    for (long long k = 0; k < count; ++k) {
-      if (!socket.SendTypedMessageZ2(1, 0, payload.data(), static_cast<int>(size))) {
+    cMeasure const measure(argc, argv, "remote_thr", true, true);
+    std::vector<char> const payload(static_cast<std::size_t>(measure.mSize), 'm');
+    std::vector<StreamSocket::TypedFrame> const frames(
+        static_cast<std::size_t>(measure.mBatch),
+        StreamSocket::TypedFrame{1, 0, payload.data(), static_cast<int>(measure.mSize)});
+    std::unique_ptr<StreamSocket> const socket = measure.fConnect();
+    cLatencies calls;
+    tClock::time_point const start = tClock::now();
+    for (long long k = 0; k < measure.mCount;) {
+      auto const batch = static_cast<std::size_t>(std::min(measure.mBatch, measure.mCount - k));
+      tClock::time_point const before = tClock::now();
+      bool const sent = measure.mBatch == 1
+                            ? socket->SendTypedMessageZ2(1, 0, payload.data(), int(measure.mSize))
+                            : socket->SendTypedMessagesZ2({frames.data(), batch});
+      calls.fAdd(gNanoseconds(tClock::now() - before));
+      if (!sent) {
         throw std::runtime_error("the connection broke after " + std::to_string(k) + " messages");
       }
+      k += static_cast<long long>(batch);
     }
+    double const seconds = std::chrono::duration<double>(tClock::now() - start).count();
     short type = 0;
     short subtype = 0;
     char* bytes = nullptr;
     int length = 0;
-    bool const acknowledged = socket.WaitTypedMessageZ1(type, subtype, bytes, length, nullptr);
-    socket.FreeMessage(bytes);
-    socket.CloseSocket();
+    bool const acknowledged = socket->WaitTypedMessageZ1(type, subtype, bytes, length, nullptr);
+    socket->FreeMessage(bytes);
+    socket->CloseSocket();
     if (!acknowledged) throw std::runtime_error("local_thr did not confirm the messages");
-    std::printf("sent %lld messages of %lld bytes\n", count, size);
+    std::printf("sent %lld messages of %lld bytes, %lld per send\n", measure.mCount, measure.mSize,
+                measure.mBatch);
+    gPrintRate("sender throughput", double(measure.mCount), seconds, measure.mSize);
+    std::printf("time per send call: %s\n", calls.fText().c_str());
     return 0;
   });
 }
 
-int gLocalLat(int, char**) {
-  std::fprintf(stderr, "corvanth: local_lat is not built yet\n");
-  return 1;
+int gLocalLat(int argc, char** argv) {
+  return gRun("local_lat", kLocalLatUsage, [&] {
+    cMeasure const measure(argc, argv, "local_lat", false, false);
+    std::unique_ptr<StreamSocket> const connection = measure.fAcceptOne();
+    std::vector<char> frame;
+    cLatencies rounds;
+    tClock::time_point start;
+    tClock::time_point answered;
+    for (long long k = 0; k < measure.mCount; ++k) {
+      if (!gTakeFrame(*connection, measure.mSize, k, &frame)) {
+        throw std::runtime_error("the connection ended after " + std::to_string(k) + " messages");
+      }
+      // From our answer to the next frame is one round trip seen from this end.
+      tClock::time_point const now = tClock::now();
+      if (k == 0) {
+        start = now;
+      } else {
+        rounds.fAdd(gNanoseconds(now - answered));
+      }
+      if (!connection->SendTypedMessageZ2(1, 0, frame.data(), static_cast<int>(frame.size()))) {
+        throw std::runtime_error("the connection broke after " + std::to_string(k) + " answers");
+      }
+      answered = tClock::now();
+    }
+    double const seconds = std::chrono::duration<double>(answered - start).count();
+    connection->CloseSocket();
+    std::printf("message size: %lld [B]\nroundtrip count: %lld\n", measure.mSize, measure.mCount);
+    gPrintRate("throughput (each way)", double(measure.mCount - 1), seconds, measure.mSize);
+    std::printf("round trip: %s\n", rounds.fText().c_str());
+    return 0;
+  });
 }
 
-int gRemoteLat(int, char**) {
-  std::fprintf(stderr, "corvanth: remote_lat is not built yet\n");
-  return 1;
+int gRemoteLat(int argc, char** argv) {
+  return gRun("remote_lat", kRemoteLatUsage, [&] {
+    cMeasure const measure(argc, argv, "remote_lat", true, false);
+    std::vector<char> const payload(static_cast<std::size_t>(measure.mSize), 'l');
+    std::unique_ptr<StreamSocket> const socket = measure.fConnect();
+    cLatencies rounds;
+    tClock::time_point const start = tClock::now();
+    for (long long k = 0; k < measure.mCount; ++k) {
+      tClock::time_point const before = tClock::now();
+      if (!socket->SendTypedMessageZ2(1, 0, payload.data(), static_cast<int>(measure.mSize))) {
+        throw std::runtime_error("the connection broke after " + std::to_string(k) + " messages");
+      }
+      if (!gTakeFrame(*socket, measure.mSize, k, nullptr)) {
+        throw std::runtime_error("no answer to message " + std::to_string(k));
+      }
+      rounds.fAdd(gNanoseconds(tClock::now() - before));
+    }
+    double const seconds = std::chrono::duration<double>(tClock::now() - start).count();
+    socket->CloseSocket();
+    std::printf("message size: %lld [B]\nroundtrip count: %lld\n", measure.mSize, measure.mCount);
+    std::printf("average latency: %.3f [us]\n",
+                seconds * 1e6 / double(measure.mCount) / 2);  // half a round trip, as perf tools print
+    gPrintRate("throughput (each way)", double(measure.mCount), seconds, measure.mSize);
+    std::printf("round trip: %s\n", rounds.fText().c_str());
+    return 0;
+  });
 }
 
 }  // namespace nCorvanthTool

@@ -1,6 +1,7 @@
 // The corvanth tool's message verbs: serve and send carry cCorvanthMessages
 // whose data is a CAssociativeArray string form over a StreamSocket;
-// local_thr and remote_thr measure frame throughput between two processes.
+// local_thr/remote_thr and local_lat/remote_lat measure frames between two
+// processes or machines.
 // Each takes the whole command line and gives the process's exit status:
 // 0 success, 1 failure while running, 2 bad usage.
 #pragma once

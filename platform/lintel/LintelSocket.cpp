@@ -496,6 +496,30 @@ bool gSend(cHandleValid handle, int count, char const* data) {
   return true;
 }
 
+bool gSendGather(cHandleValid handle, iovec* pieces, int count) {
+  cSocketHolder& holder = gHolder(handle);
+  if (count < 0 || holder.mClosed.load(std::memory_order_acquire)) return false;
+  int at = 0;
+  for (;;) {
+    while (at < count && pieces[at].iov_len == 0) ++at;
+    if (at == count) return true;
+    msghdr message{};
+    message.msg_iov = pieces + at;
+    message.msg_iovlen = static_cast<std::size_t>(std::min(count - at, IOV_MAX));
+    ssize_t const sent = ::sendmsg(holder.fDescriptor(), &message, MSG_NOSIGNAL);
+    if (sent < 0 && errno == EINTR) continue;
+    if (sent <= 0) return false;
+    // What went out never exceeds the pieces offered, so this ends within them.
+    for (std::size_t left = static_cast<std::size_t>(sent); left > 0;) {
+      std::size_t const taken = std::min(left, pieces[at].iov_len);
+      pieces[at].iov_base = static_cast<char*>(pieces[at].iov_base) + taken;
+      pieces[at].iov_len -= taken;
+      left -= taken;
+      if (pieces[at].iov_len == 0) ++at;
+    }
+  }
+}
+
 bool gReceive(cHandleValid handle, int count, char* buffer, bool insideMessage,
               iLatencyConfiguration* latency) {
   cSocketHolder& holder = gHolder(handle);

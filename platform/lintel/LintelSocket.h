@@ -18,6 +18,8 @@
 // thread gClose, all at the same time. Everything else belongs to one thread.
 #pragma once
 
+#include <sys/uio.h>
+
 #include <cstdint>
 #include <string>
 
@@ -246,6 +248,10 @@ CORVANTH_EXPORT cHandleValid gCreateConnectedLocal(unsigned short port, cSocketO
 // Sends all count bytes, or answers false (a negative count too). Never raises
 // SIGPIPE.
 CORVANTH_EXPORT bool gSend(cHandleValid handle, int count, char const* data);
+// Sends the pieces in order as one stream of bytes, in as few system calls as
+// the kernel allows (sendmsg over up to IOV_MAX pieces each); all or false,
+// like gSend. The pieces are used up: each is advanced past what went out.
+CORVANTH_EXPORT bool gSendGather(cHandleValid handle, iovec* pieces, int count);
 // Fills buffer with exactly count bytes, or answers false: peer closed, a
 // failure, a limit ran out, or the handle was closed. insideMessage tells a
 // wait for the first bytes of a frame (false) from one for its rest (true);
