@@ -25,6 +25,9 @@
 // peer; it never reports an answer of the receiver. Each sending thread keeps
 // one connection per window between sends. A send from the owning thread to
 // its own window cannot wait for itself: it queues and returns 1 at once.
+// There are no window procedures, so a thread that waits in a send reads
+// nothing of its own queue meanwhile: two owners that send to each other at
+// once both wait for their time-outs.
 // PostMessageA does not wait; it fails at once when the owner's socket is full.
 // WM_COPYDATA can only be sent, never posted. The owner accepts peers of its own
 // user id and root (SO_PEERCRED), and logs and drops any other.
