@@ -14,7 +14,6 @@
 #include <fstream>
 #include <functional>
 #include <map>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -40,15 +39,14 @@ SERVICE_STATUS gStatus(DWORD state, DWORD checkPoint, DWORD waitHint) {
 // can check that all went back.
 class cFakeManager : public iServiceManager {
  public:
-  std::vector<std::string> calls;
+  std::string calls;
   std::map<std::string, DWORD> failures;
   bool exists = true;
   // Answers of successive status queries; the last one repeats.
   std::vector<SERVICE_STATUS> statuses{gStatus(SERVICE_RUNNING, 0, 0)};
   SERVICE_STATUS controlStatus = gStatus(SERVICE_STOP_PENDING, 1, 3000);
   bool lockHeldElsewhere = false;
-  bool lockNamesOwner = true;
-  std::string dependencies{"alpha\0beta\0", 11};
+  std::string const dependencies{"alpha\0beta\0", 11};
   bool noDependencies = false;
   std::vector<std::pair<std::string, DWORD>> dependents;
   std::map<DWORD, std::string> texts{{1, "Incorrect function."},
@@ -60,12 +58,6 @@ class cFakeManager : public iServiceManager {
   int liveHandles = 0;
   int liveBlocks = 0;
   bool locked = false;
-
-  std::string fCalls() const {
-    std::string all;
-    for (std::string const& call : calls) all += (all.empty() ? "" : ", ") + call;
-    return all;
-  }
 
   SC_HANDLE OpenSCManagerA(LPCSTR machine, LPCSTR database, DWORD access) override {
     if (fNote("OpenSCManagerA " + fHex(access)) || machine != nullptr || database != nullptr) return nullptr;
@@ -213,7 +205,7 @@ class cFakeManager : public iServiceManager {
   bool fNote(std::string call) {
     std::string const name = call.substr(0, call.find(' '));
     int const nth = ++mCounts[name];
-    calls.push_back(std::move(call));
+    calls += (calls.empty() ? "" : ", ") + call;
     for (std::string const& key : {name, name + "#" + std::to_string(nth)}) {
       if (auto const failure = failures.find(key); failure != failures.end()) {
         fFail(failure->second);
@@ -261,7 +253,7 @@ class ServiceConfig : public ::testing::Test {
       std::string const text = testing::internal::GetCapturedStdout();
       gSetServiceManager(nullptr);
       EXPECT_EQ(text, c.text);
-      EXPECT_EQ(manager.fCalls(), c.calls);
+      EXPECT_EQ(manager.calls, c.calls);
       EXPECT_EQ(manager.liveHandles, 0);
       EXPECT_EQ(manager.liveBlocks, 0);
       EXPECT_FALSE(manager.locked);
@@ -454,7 +446,7 @@ TEST_F(ServiceConfig, TestsPrintNothingAndRunningMeansStateFour) {
     EXPECT_EQ(config.IsRunning(), c.running);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     if (c.calls != nullptr) {
-      EXPECT_EQ(manager.fCalls(), c.calls);
+      EXPECT_EQ(manager.calls, c.calls);
     }
     EXPECT_EQ(manager.liveHandles, 0);
   }
@@ -471,25 +463,12 @@ TEST_F(ServiceConfig, ErrorPrinterGivesTheCodeBack) {
   EXPECT_EQ(manager.liveBlocks, 0);
 }
 
-// Sets (or, with nullopt, unsets) an environment variable for a scope.
-class cScopedEnv {
- public:
-  cScopedEnv(char const* name, std::optional<std::string> const& value) : mName(name) {
-    if (char const* old = std::getenv(name)) mOld = old;
-    value ? ::setenv(name, value->c_str(), 1) : ::unsetenv(name);
-  }
-  ~cScopedEnv() { mOld ? ::setenv(mName.c_str(), mOld->c_str(), 1) : ::unsetenv(mName.c_str()); }
-
- private:
-  std::string mName;
-  std::optional<std::string> mOld;
-};
-
 TEST(ServiceName, ResolvedFromTheSettingOrLeftAsItWas) {
   fs::path const home = fs::temp_directory_path() / ("corvanth-service-" + std::to_string(::getpid()));
   fs::create_directories(home / "config");
-  cScopedEnv const homeEnv("KESTRUN_HOME", home.string());
-  cScopedEnv const unset("CORVANTH_SERVICE_VERSION_NAME", std::nullopt);
+  // Each test runs in a process of its own, which ends with these settings.
+  ::setenv("KESTRUN_HOME", home.c_str(), 1);
+  ::unsetenv("CORVANTH_SERVICE_VERSION_NAME");
   CorvanthServiceConfig config("old", "Old Name");
   EXPECT_FALSE(config.ResolveCorvanthServiceName());
   EXPECT_STREQ(config.GetServiceName(), "old");
@@ -499,12 +478,10 @@ TEST(ServiceName, ResolvedFromTheSettingOrLeftAsItWas) {
   EXPECT_TRUE(config.ResolveCorvanthServiceName());
   EXPECT_STREQ(config.GetServiceName(), "cvservice85");
   EXPECT_STREQ(config.GetDisplayName(), "Kestrun Corvanth Service 85");
-  {
-    cScopedEnv const empty("CORVANTH_SERVICE_VERSION_NAME", "");
-    EXPECT_TRUE(config.ResolveCorvanthServiceName());
-    EXPECT_STREQ(config.GetServiceName(), "cvservice");
-    EXPECT_STREQ(config.GetDisplayName(), "Kestrun Corvanth Service ");
-  }
+  ::setenv("CORVANTH_SERVICE_VERSION_NAME", "", 1);
+  EXPECT_TRUE(config.ResolveCorvanthServiceName());
+  EXPECT_STREQ(config.GetServiceName(), "cvservice");
+  EXPECT_STREQ(config.GetDisplayName(), "Kestrun Corvanth Service ");
   // Assignment copies both arrays; an over-long name is cut at the array's end.
   CorvanthServiceConfig copy;
   copy = CorvanthServiceConfig(std::string(300, 'n').c_str(), "Shown");
