@@ -34,6 +34,22 @@ void gCloseHandles(SC_HANDLE service, SC_HANDLE manager) {
   if (manager != nullptr) CloseServiceHandle(manager);
 }
 
+// The opening of an operation that prints: true with both handles, or false
+// after the failure was printed and the manager closed again.
+bool gOpen(CorvanthServiceConfig& config, DWORD managerAccess, DWORD serviceAccess,
+           SC_HANDLE& manager, SC_HANDLE& service) {
+  manager = OpenSCManagerA(nullptr, nullptr, managerAccess);
+  if (manager == nullptr) {
+    config.ErrorPrinter("OpenSCManager", GetLastError());
+    return false;
+  }
+  service = OpenServiceA(manager, config.GetServiceName(), serviceAccess);
+  if (service != nullptr) return true;
+  config.ErrorPrinter("OpenService", GetLastError());
+  CloseServiceHandle(manager);
+  return false;
+}
+
 }  // namespace
 
 CorvanthServiceConfig::CorvanthServiceConfig(const char* service, const char* display) {
@@ -42,6 +58,7 @@ CorvanthServiceConfig::CorvanthServiceConfig(const char* service, const char* di
 }
 
 CorvanthServiceConfig& CorvanthServiceConfig::operator=(const CorvanthServiceConfig& other) {
+  // memcpy onto itself is undefined, and a self-assignment changes nothing.
   if (this != &other) {
     std::memcpy(serviceName, other.serviceName, sizeof serviceName);
     std::memcpy(displayName, other.displayName, sizeof displayName);
@@ -54,6 +71,7 @@ bool CorvanthServiceConfig::ResolveCorvanthServiceName() {
   char const* const value = environment.MXEGetEnv(kVersionKey);
   // No default: without the key the names stay what they were.
   if (value == nullptr) return false;
+  // A value too long for the arrays is cut at their end, not written past it.
   std::snprintf(serviceName, sizeof serviceName, "%s%s", kBaseServiceName, value);
   std::snprintf(displayName, sizeof displayName, "%s %s", kBaseDisplayName, value);
   return true;
@@ -102,17 +120,9 @@ void CorvanthServiceConfig::Install(unsigned long serviceType, unsigned long sta
 }
 
 void CorvanthServiceConfig::Remove(int stopFirst) {
-  SC_HANDLE const manager = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT);
-  if (manager == nullptr) {
-    ErrorPrinter("OpenSCManager", GetLastError());
-    return;
-  }
-  SC_HANDLE const service = OpenServiceA(manager, serviceName, DELETE);
-  if (service == nullptr) {
-    ErrorPrinter("OpenService", GetLastError());
-    gCloseHandles(nullptr, manager);
-    return;
-  }
+  SC_HANDLE manager = nullptr;
+  SC_HANDLE service = nullptr;
+  if (!gOpen(*this, SC_MANAGER_CONNECT, DELETE, manager, service)) return;
   if (stopFirst == 1) {
     // The handle has DELETE access alone, so the line claims more than the
     // call can do; callers have always seen it this way.
@@ -126,42 +136,28 @@ void CorvanthServiceConfig::Remove(int stopFirst) {
 }
 
 void CorvanthServiceConfig::Start() {
-  SC_HANDLE const manager = OpenSCManagerA(nullptr, nullptr, GENERIC_READ);
-  if (manager == nullptr) {
-    ErrorPrinter("OpenSCManager", GetLastError());
-    return;
-  }
-  SC_HANDLE const service = OpenServiceA(manager, serviceName, SERVICE_START | SERVICE_QUERY_STATUS);
-  if (service == nullptr) {
-    ErrorPrinter("OpenService", GetLastError());
-    gCloseHandles(nullptr, manager);
-    return;
-  }
+  SC_HANDLE manager = nullptr;
+  SC_HANDLE service = nullptr;
+  if (!gOpen(*this, GENERIC_READ, SERVICE_START | SERVICE_QUERY_STATUS, manager, service)) return;
   if (!StartServiceA(service, 0, nullptr)) {
     ErrorPrinter("StartService", GetLastError());
     gCloseHandles(service, manager);
     return;
   }
-  // A failed query reports the fixed code 1, not the last error.
-  SERVICE_STATUS status{};
-  if (!QueryServiceStatus(service, &status)) {
-    ErrorPrinter("QueryServiceStatus", 1);
-    gCloseHandles(service, manager);
-    return;
-  }
   // No time limit of its own: the service ends the wait by not advancing its
   // checkpoint over one wait hint.
-  while (status.dwCurrentState != SERVICE_RUNNING) {
+  SERVICE_STATUS status{};
+  bool queried = QueryServiceStatus(service, &status);
+  while (queried && status.dwCurrentState != SERVICE_RUNNING) {
     DWORD const checkPoint = status.dwCheckPoint;
     Sleep(status.dwWaitHint);
-    if (!QueryServiceStatus(service, &status)) {
-      ErrorPrinter("QueryServiceStatus", 1);
-      gCloseHandles(service, manager);
-      return;
-    }
+    queried = QueryServiceStatus(service, &status);
     if (checkPoint >= status.dwCheckPoint) break;
   }
-  if (status.dwCurrentState == SERVICE_RUNNING) {
+  if (!queried) {
+    // The fixed code 1, not the last error.
+    ErrorPrinter("QueryServiceStatus", 1);
+  } else if (status.dwCurrentState == SERVICE_RUNNING) {
     std::printf("%s started successfully.\n", serviceName);
   } else {
     std::printf("%s start unsuccessful: \n", serviceName);
@@ -175,17 +171,9 @@ void CorvanthServiceConfig::Start() {
 }
 
 void CorvanthServiceConfig::Control(unsigned long code) {
-  SC_HANDLE const manager = OpenSCManagerA(nullptr, nullptr, GENERIC_READ);
-  if (manager == nullptr) {
-    ErrorPrinter("OpenSCManager", GetLastError());
-    return;
-  }
-  SC_HANDLE const service = OpenServiceA(manager, serviceName, GENERIC_EXECUTE);
-  if (service == nullptr) {
-    ErrorPrinter("OpenService", GetLastError());
-    gCloseHandles(nullptr, manager);
-    return;
-  }
+  SC_HANDLE manager = nullptr;
+  SC_HANDLE service = nullptr;
+  if (!gOpen(*this, GENERIC_READ, GENERIC_EXECUTE, manager, service)) return;
   SERVICE_STATUS status{};
   if (ControlService(service, static_cast<DWORD>(code), &status)) {
     // Not quite Status's texts: no blank before the line ends, one behind 0x.
@@ -204,17 +192,9 @@ void CorvanthServiceConfig::Control(unsigned long code) {
 }
 
 void CorvanthServiceConfig::Status() {
-  SC_HANDLE const manager = OpenSCManagerA(nullptr, nullptr, GENERIC_READ);
-  if (manager == nullptr) {
-    ErrorPrinter("OpenSCManager", GetLastError());
-    return;
-  }
-  SC_HANDLE const service = OpenServiceA(manager, serviceName, SERVICE_QUERY_STATUS);
-  if (service == nullptr) {
-    ErrorPrinter("OpenService", GetLastError());
-    gCloseHandles(nullptr, manager);
-    return;
-  }
+  SC_HANDLE manager = nullptr;
+  SC_HANDLE service = nullptr;
+  if (!gOpen(*this, GENERIC_READ, SERVICE_QUERY_STATUS, manager, service)) return;
   SERVICE_STATUS status{};
   if (QueryServiceStatus(service, &status)) {
     std::printf("Service Status for %s \n", serviceName);
@@ -232,17 +212,9 @@ void CorvanthServiceConfig::Status() {
 }
 
 void CorvanthServiceConfig::GetConfig() {
-  SC_HANDLE const manager = OpenSCManagerA(nullptr, nullptr, GENERIC_READ);
-  if (manager == nullptr) {
-    ErrorPrinter("OpenSCManager", GetLastError());
-    return;
-  }
-  SC_HANDLE const service = OpenServiceA(manager, serviceName, SERVICE_QUERY_CONFIG);
-  if (service == nullptr) {
-    ErrorPrinter("OpenService", GetLastError());
-    gCloseHandles(nullptr, manager);
-    return;
-  }
+  SC_HANDLE manager = nullptr;
+  SC_HANDLE service = nullptr;
+  if (!gOpen(*this, GENERIC_READ, SERVICE_QUERY_CONFIG, manager, service)) return;
   // The first call only learns the size.
   DWORD needed = 0;
   QueryServiceConfigA(service, nullptr, 0, &needed);
@@ -273,17 +245,9 @@ void CorvanthServiceConfig::GetConfig() {
 }
 
 void CorvanthServiceConfig::Dependencies() {
-  SC_HANDLE const manager = OpenSCManagerA(nullptr, nullptr, GENERIC_READ);
-  if (manager == nullptr) {
-    ErrorPrinter("OpenSCManager", GetLastError());
-    return;
-  }
-  SC_HANDLE const service = OpenServiceA(manager, serviceName, SERVICE_ENUMERATE_DEPENDENTS);
-  if (service == nullptr) {
-    ErrorPrinter("OpenService", GetLastError());
-    gCloseHandles(nullptr, manager);
-    return;
-  }
+  SC_HANDLE manager = nullptr;
+  SC_HANDLE service = nullptr;
+  if (!gOpen(*this, GENERIC_READ, SERVICE_ENUMERATE_DEPENDENTS, manager, service)) return;
   DWORD needed = 0;
   DWORD count = 0;
   EnumDependentServicesA(service, SERVICE_STATE_ALL, nullptr, 0, &needed, &count);
