@@ -4,6 +4,7 @@
 
 #include <vector>
 
+#include "ChildProcess.h"
 #include "LogCapture.h"
 #include "TlsKit.h"
 
@@ -190,6 +191,30 @@ TEST(StreamSocketBatch, AFailedBatchAndCorkAnswerFalseAndLaterSendsFailAsAfterAS
     cLogCapture capture;
     EXPECT_FALSE(pair.mClient->SendTypedMessagesZ2(frames));
     EXPECT_EQ(capture.fWithText("WriteDataZ1 aborted because shutdown is requested.").size(), 1u);
+  }
+}
+
+TEST(CorvanthToolBatch, BatchedThroughputAndRoundTripVerbsPrintTheirFigures) {
+  for (auto const& [local, remote] : {std::pair{"local_thr", "remote_thr"}, std::pair{"local_lat", "remote_lat"}}) {
+    SCOPED_TRACE(local);
+    cChildProcess server({CORVANTH_TOOL, local, "64", "3000"});
+    std::string const listening = server.fReadLine(kBound);
+    ASSERT_NE(listening.rfind(':'), std::string::npos) << listening;
+    std::vector<std::string> arguments = {CORVANTH_TOOL, remote, "--port", listening.substr(listening.rfind(':') + 1)};
+    if (std::string(remote) == "remote_thr") arguments.insert(arguments.end(), {"--batch", "64"});
+    arguments.insert(arguments.end(), {"64", "3000"});
+    cChildProcess client(arguments);
+    auto const [sentStatus, sent] = client.fFinish(kBound);
+    auto const [status, measured] = server.fFinish(kBound);
+    // Exit 0: every frame came, with its length.
+    ASSERT_EQ(sentStatus, 0) << sent;
+    ASSERT_EQ(status, 0) << measured;
+    for (std::string const& out : {sent, measured}) {
+      EXPECT_NE(out.find(" frames/s, "), std::string::npos) << out;
+      EXPECT_NE(out.find(": p50 "), std::string::npos) << out;
+      EXPECT_NE(out.find(" [us], p99 "), std::string::npos) << out;
+      EXPECT_NE(out.find(" [us], p99.9 "), std::string::npos) << out;
+    }
   }
 }
 
