@@ -422,45 +422,33 @@ TEST_F(ServiceConfig, ChangeStartTypeWorksUnderTheDatabaseLockOrSaysWhoHoldsIt) 
   });
 }
 
+// The two tests print nothing: the text holds only what the case printed of
+// their results.
 TEST_F(ServiceConfig, TestsPrintNothingAndRunningMeansStateFour) {
-  struct {
-    std::function<void(cFakeManager&)> setUp;
-    int installed, running;
-    char const* calls;
-  } const cases[] = {
-      {nullptr, 1, 1, "OpenSCManagerA 1, OpenServiceA cvs 1, CloseServiceHandle service, CloseServiceHandle manager, "
-                      "OpenSCManagerA 80000000, OpenServiceA cvs 4, QueryServiceStatus, CloseServiceHandle service, "
-                      "CloseServiceHandle manager"},
-      {[](cFakeManager& m) { m.statuses = {gStatus(SERVICE_START_PENDING, 1, 100)}; }, 1, 0, nullptr},
-      {[](cFakeManager& m) { m.failures["QueryServiceStatus"] = 5; }, 1, 0, nullptr},
-      {[](cFakeManager& m) { m.exists = false; }, 0, 0, nullptr},
-      {[](cFakeManager& m) { m.failures["OpenSCManagerA"] = 5; }, 0, 0, "OpenSCManagerA 1, OpenSCManagerA 80000000"},
+  auto const tests = [](CorvanthServiceConfig& c) {
+    int const installed = c.IsInstalled();
+    std::printf("%d %d", installed, c.IsRunning());
   };
-  for (auto const& c : cases) {
-    cFakeManager manager;
-    if (c.setUp) c.setUp(manager);
-    gSetServiceManager(&manager);
-    CorvanthServiceConfig config("cvs", "Corvanth Test");
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(config.IsInstalled(), c.installed);
-    EXPECT_EQ(config.IsRunning(), c.running);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    if (c.calls != nullptr) {
-      EXPECT_EQ(manager.calls, c.calls);
-    }
-    EXPECT_EQ(manager.liveHandles, 0);
-  }
-}
-
-TEST_F(ServiceConfig, ErrorPrinterGivesTheCodeBack) {
-  cFakeManager manager;
-  gSetServiceManager(&manager);
-  CorvanthServiceConfig config("cvs", "Corvanth Test");
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(config.ErrorPrinter("Probe", 5), 5u);
-  EXPECT_EQ(config.ErrorPrinter("Probe", 0xC0DE), 0xC0DEu);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Probe failed: Access is denied.\nProbe failed: Unknown error c0de\n");
-  EXPECT_EQ(manager.liveBlocks, 0);
+  std::string const both = "OpenSCManagerA 1, OpenServiceA cvs 1" + kClose + ", OpenSCManagerA 80000000, OpenServiceA cvs 4";
+  fCheck({
+      {"running", nullptr, tests, "1 1", both + ", QueryServiceStatus" + kClose},
+      {"starting", [](cFakeManager& m) { m.statuses = {gStatus(SERVICE_START_PENDING, 1, 100)}; }, tests, "1 0",
+       both + ", QueryServiceStatus" + kClose},
+      {"query fails", [](cFakeManager& m) { m.failures["QueryServiceStatus"] = 5; }, tests, "1 0",
+       both + ", QueryServiceStatus" + kClose},
+      {"absent", [](cFakeManager& m) { m.exists = false; }, tests, "0 0",
+       "OpenSCManagerA 1, OpenServiceA cvs 1, CloseServiceHandle manager, OpenSCManagerA 80000000, OpenServiceA cvs 4, "
+       "CloseServiceHandle manager"},
+      {"no manager", [](cFakeManager& m) { m.failures["OpenSCManagerA"] = 5; }, tests, "0 0",
+       "OpenSCManagerA 1, OpenSCManagerA 80000000"},
+      {"error printer", nullptr,
+       [](auto& c) {
+         unsigned long const known = c.ErrorPrinter("Probe", 5);
+         std::printf("%lu %lu\n", known, c.ErrorPrinter("Probe", 0xC0DE));
+       },
+       "Probe failed: Access is denied.\nProbe failed: Unknown error c0de\n5 49374\n",
+       "FormatMessageA 1100 5 400, LocalFree, FormatMessageA 1100 49374 400, LocalFree null"},
+  });
 }
 
 TEST(ServiceName, ResolvedFromTheSettingOrLeftAsItWas) {
