@@ -794,31 +794,23 @@ BOOL cSystemManager::CloseServiceHandle(SC_HANDLE handle) {
 
 namespace {
 
-// The service handle with `rights`, or null with the last error set.
+// The handle of kind T with `rights`, or null with the last error set.
+template <class T>
+T* gOpened(iServiceManager* owner, SC_HANDLE handle, DWORD rights) {
+  T* const found = gFind<T>(handle);
+  if (found == nullptr || (found->mAccess & rights) != rights) {
+    owner->SetLastError(found == nullptr ? ERROR_INVALID_HANDLE : ERROR_ACCESS_DENIED);
+    return nullptr;
+  }
+  return found;
+}
+
 cServiceRecord* gService(iServiceManager* owner, SC_HANDLE handle, DWORD rights) {
-  cServiceRecord* service = gFind<cServiceRecord>(handle);
-  if (service == nullptr) {
-    owner->SetLastError(ERROR_INVALID_HANDLE);
-    return nullptr;
-  }
-  if ((service->mAccess & rights) != rights) {
-    owner->SetLastError(ERROR_ACCESS_DENIED);
-    return nullptr;
-  }
-  return service;
+  return gOpened<cServiceRecord>(owner, handle, rights);
 }
 
 cManagerHandle* gManager(iServiceManager* owner, SC_HANDLE handle, DWORD rights) {
-  cManagerHandle* manager = gFind<cManagerHandle>(handle);
-  if (manager == nullptr) {
-    owner->SetLastError(ERROR_INVALID_HANDLE);
-    return nullptr;
-  }
-  if ((manager->mAccess & rights) != rights) {
-    owner->SetLastError(ERROR_ACCESS_DENIED);
-    return nullptr;
-  }
-  return manager;
+  return gOpened<cManagerHandle>(owner, handle, rights);
 }
 
 // Start type as unit file state, and for disabled a drop-in refusing a start.
