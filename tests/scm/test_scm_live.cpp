@@ -448,6 +448,11 @@ TEST(ScmLive, ConfiguratorInstallsRunsReconfiguresAndRemovesTheHostService) {
   EXPECT_EQ(tool({"service", "is-installed"}), "1\n");
   EXPECT_EQ(tool({"service", "start"}), "cvservice85 started successfully.\n");
   EXPECT_TRUE(gServiceAnswers());
+  // The support report lists the manager's units with their states and start types.
+  const std::string report = tool({"report"});
+  EXPECT_NE(report.find("Service Name: Kestrun Corvanth Service 85\n      Status: Running  (Manual)\n"),
+            std::string::npos) << report;
+  EXPECT_NE(report.find("Service Name: "), report.rfind("Service Name: "));  // the system's units too
   EXPECT_EQ(tool({"service", "status"}),
             "Service Status for cvservice85 \nType: 0x16 \nCurrent State: 0x4 \n"
             "Controls Accepted: 3 \nWin32 Exit: 0 \nService Exit: 0 \nCheckpoint: 0x0 \n"
