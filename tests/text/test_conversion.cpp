@@ -27,42 +27,27 @@ using tArray = CAssociativeArray;
 // child process whose product home holds a kestrun.ini with the given text.
 // body gets the file's path and gives the text that the parent checks.
 std::string gInChild(std::string const& ini, std::function<std::string(std::string const&)> const& body) {
-  int pipeEnds[2];
-  if (pipe(pipeEnds) != 0) return "no pipe";
+  std::string const home = testing::TempDir() + "conversion-" + std::to_string(getpid());
+  std::filesystem::create_directories(home + "/config");
+  std::ofstream(home + "/config/kestrun.ini") << ini;
   pid_t const pid = fork();
   if (pid == 0) {
-    close(pipeEnds[0]);
-    char home[] = "/tmp/corvanth-conversion-XXXXXX";
-    std::string result = "no home";
-    if (mkdtemp(home) != nullptr) {
-      std::filesystem::create_directory(std::string(home) + "/config");
-      std::string const path = std::string(home) + "/config/kestrun.ini";
-      std::ofstream(path) << ini;
-      setenv("KESTRUN_HOME", home, 1);
-      result = body(path);
-      std::filesystem::remove_all(home);
-    }
-    for (std::size_t done = 0; done < result.size();) {
-      ssize_t const put = write(pipeEnds[1], result.data() + done, result.size() - done);
-      if (put <= 0) break;
-      done += std::size_t(put);
-    }
+    setenv("KESTRUN_HOME", home.c_str(), 1);
+    std::ofstream(home + "/result", std::ios::binary) << body(home + "/config/kestrun.ini");
     _exit(0);
   }
-  close(pipeEnds[1]);
-  std::string got;
-  char buffer[4096];
-  for (ssize_t n; (n = read(pipeEnds[0], buffer, sizeof buffer)) > 0;) got.append(buffer, std::size_t(n));
-  close(pipeEnds[0]);
   int status = 0;
   waitpid(pid, &status, 0);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  return got;
+  std::stringstream result;
+  result << std::ifstream(home + "/result", std::ios::binary).rdbuf();
+  std::filesystem::remove_all(home);
+  return result.str();
 }
 
-std::string gZ38(char const* text, unsigned from = 1252, unsigned to = 65001) {
+std::string gZ38(char const* text) {
   RWCString out = "untouched";
-  return tArray::ConvertZ38(from, to, text, out) ? std::string(out) : "false:" + out;
+  return tArray::ConvertZ38(1252, 65001, text, out) ? std::string(out) : "false:" + out;
 }
 std::string gMode(int mode, std::string const& text, unsigned from = 1252, unsigned to = 65001) {
   RWCString out = "untouched";
@@ -81,11 +66,10 @@ TEST(Conversion, TheSettingDecidesConvertX0AndFromStringConvert) {
   // What ConvertX0 makes of "0 apples" and of bytes with a zero among them,
   // and FromStringConvert of a form nested in a value.
   auto body = [](std::string const&) {
-    corvanth::test::cLogCapture errors("Error");
     std::string result;
     for (std::string const& text : {std::string("0 apples"), gBytes("a\0\xe9")}) {
       RWCString out = "untouched";
-      errors.fClear();
+      corvanth::test::cLogCapture errors("Error");
       bool const ok = tArray::ConvertX0(1252, 65001, text.data(), int(text.size()), out);
       result += ok ? out + "|" : "false " + std::to_string(errors.fRecords().size()) + " " + out + "|";
     }
@@ -183,9 +167,8 @@ TEST(Conversion, HostileFormsBecomeLeavesAndTheTraceNamesTheRefusedPart) {
       EXPECT_EQ(out, text) << mode;
     }
   }
-  corvanth::test::cLogCapture traces("Trace");
   // The trace carries the syntax exception's text, which names the refused part.
-  traces.fClear();
+  corvanth::test::cLogCapture traces("Trace");
   gMode(1, "1 k");
   gMode(2, "x");
   auto const records = traces.fRecords();
@@ -195,36 +178,27 @@ TEST(Conversion, HostileFormsBecomeLeavesAndTheTraceNamesTheRefusedPart) {
 }
 
 TEST(Conversion, ToolConvertsStandardInput) {
-  auto run = [](std::string const& arguments, std::string const& input, std::string& output,
-                std::string const& environment = "") {
-    std::string const in = testing::TempDir() + "convert-in", out = testing::TempDir() + "convert-out";
-    std::ofstream(in, std::ios::binary) << input;
-    int const status = std::system((environment + CORVANTH_TOOL + " convert " + arguments + " <" + in + " >" + out +
-                                    " 2>/dev/null").c_str());
-    std::stringstream text;
-    text << std::ifstream(out, std::ios::binary).rdbuf();
-    output = text.str();
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  };
-  std::string output;
-  EXPECT_EQ(run("--from 1252 --to 65001 --mode 2", "2 '1 a '4 \xe0 la '1 b '1 \xe9 ", output), 0);
-  tArray array;
-  array.FromStringZ1(output);
-  EXPECT_STREQ(array["a"], "\xc3\xa0 la");
-  EXPECT_STREQ(array["b"], "\xc3\xa9");
-  EXPECT_EQ(run("--from 65001 --to 1252 --mode 1", "0 apples", output), 0);
-  EXPECT_EQ(output, "0 ");
-  EXPECT_EQ(run("--from 1252 --to 65001 --mode 0", std::string("a\0\xe9", 3), output), 0);
-  EXPECT_EQ(output, std::string("a\0\xe9", 3));
-  // Without --mode, the setting of the product home.
-  std::string const home = testing::TempDir() + "convert-home";
+  std::string const dir = testing::TempDir() + "convert-" + std::to_string(getpid()), home = dir + "/home";
   std::filesystem::create_directories(home + "/config");
   std::ofstream(home + "/config/kestrun.ini") << "CorvanthAnsiConversion_patch = 1\n";
-  EXPECT_EQ(run("--from 1252 --to 65001", "0 apples", output, "KESTRUN_HOME=" + home + " "), 0);
-  EXPECT_EQ(output, "0 ");
-  EXPECT_EQ(run("--from 1252", "x", output), 2);
-  EXPECT_EQ(run("--from 1252 --to 4", "x", output), 2);
-  EXPECT_EQ(run("--from 1252 --to 65001 --mode 3", "x", output), 2);
+  struct {
+    char const* arguments;
+    std::string input, output;  // the exit status, a blank, standard output
+  } const cases[] = {
+      {"--from 1252 --to 65001 --mode 2", "2 '1 a '4 \xe0 la '1 b '1 \xe9 ", "0 2 '1 a '5 \xc3\xa0 la '1 b '2 \xc3\xa9 "},
+      {"--from 1252 --to 65001 --mode 0", gBytes("a\0\xe9"), gBytes("0 a\0\xe9")},
+      {"--from 65001 --to 1252", "0 apples", "0 0 "},  // without --mode, the setting
+      {"--from 1252", "x", "2 "}, {"--from 1252 --to 4", "x", "2 "}, {"--from 1252 --to 65001 --mode 3", "x", "2 "},
+  };
+  for (auto const& c : cases) {
+    std::ofstream(dir + "/in", std::ios::binary) << c.input;
+    int const status = std::system(("KESTRUN_HOME=" + home + " " CORVANTH_TOOL " convert " + c.arguments + " <" + dir +
+                                    "/in >" + dir + "/out 2>/dev/null").c_str());
+    std::stringstream output;
+    output << std::ifstream(dir + "/out", std::ios::binary).rdbuf();
+    EXPECT_EQ(std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1) + " " + output.str(), c.output) << c.arguments;
+  }
+  std::filesystem::remove_all(dir);
 }
 
 }  // namespace

@@ -8,14 +8,6 @@
 
 namespace {
 
-// Clears the process-wide default whatever a test leaves behind.
-struct cGlobalDefault {
-  explicit cGlobalDefault(char const* directory) {
-    FilesAssociationArchive::SetDefualtGlobalDestinationDirectory(directory);
-  }
-  ~cGlobalDefault() { FilesAssociationArchive::SetDefualtGlobalDestinationDirectory(""); }
-};
-
 TEST(FilesAssociationArchive, DestinationTableDefaultsAndMarker) {
   corvanth::test::cLogCapture capture("Error");
   char const* const source = "C:\\a\\b.txt";
@@ -35,7 +27,7 @@ TEST(FilesAssociationArchive, DestinationTableDefaultsAndMarker) {
       {"D:\\out\\", "", nullptr, "D:\\out\\\\b.txt", 1},  // the base is not looked at
   };
   for (tCase const& c : cases) {
-    cGlobalDefault const global(c.globalDefault);
+    FilesAssociationArchive::SetDefualtGlobalDestinationDirectory(c.globalDefault);
     FilesAssociationArchive archive;
     archive.SetDefualtDestinationDirectory(c.archiveDefault);
     capture.fClear();
@@ -47,7 +39,7 @@ TEST(FilesAssociationArchive, DestinationTableDefaultsAndMarker) {
   }
 
   // A later global default changes later calls only; a couple is replaced.
-  cGlobalDefault const global("G:\\g");
+  FilesAssociationArchive::SetDefualtGlobalDestinationDirectory("G:\\g");
   FilesAssociationArchive archive;
   archive.AddFileAssociation("x.y.z", nullptr);
   FilesAssociationArchive::SetDefualtGlobalDestinationDirectory("H:");
@@ -60,6 +52,7 @@ TEST(FilesAssociationArchive, DestinationTableDefaultsAndMarker) {
   archive.AddFileAssociation(nullptr, "d");  // reported, nothing added
   EXPECT_EQ(archive.entries(), 2u);
   EXPECT_EQ(capture.fRecords().size(), 1u);
+  FilesAssociationArchive::SetDefualtGlobalDestinationDirectory("");
 }
 
 TEST(FilesAssociationArchive, CopiesShareCouplesDefaultAndIterator) {

@@ -4,31 +4,18 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <optional>
 #include <string>
 
 #include "KREnvironment.h"
+#include "ScopedEnv.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-// Sets (or, with nullopt, unsets) an environment variable for a scope.
-class cScopedEnv {
- public:
-  cScopedEnv(char const* name, std::optional<std::string> const& value) : mName(name) {
-    if (char const* old = std::getenv(name)) mOld = old;
-    value ? ::setenv(name, value->c_str(), 1) : ::unsetenv(name);
-  }
-  ~cScopedEnv() { mOld ? ::setenv(mName.c_str(), mOld->c_str(), 1) : ::unsetenv(mName.c_str()); }
-
- private:
-  std::string mName;
-  std::optional<std::string> mOld;
-};
+using corvanth::test::cScopedEnv;
 
 // A product home of its own, so that no other test's kestrun.ini is touched.
 class Settings : public ::testing::Test {
@@ -98,11 +85,10 @@ TEST_F(Settings, HostileFilesGiveDefinedTables) {
 
 TEST_F(Settings, ToolTellsFileValueAndSource) {
   fWrite("[s]\nCorvanthAnsiConversion_patch = 2\nX = file\n");
-  std::string const command = "X=env " CORVANTH_TOOL " settings X CORVANTH_SERVICE_VERSION_NAME "
-                              "CorvanthAnsiConversion_patch 2>&1";
-  std::string output(4096, '\0');
-  FILE* const pipe = ::popen(command.c_str(), "r");
+  FILE* const pipe =
+      ::popen("X=env " CORVANTH_TOOL " settings X CORVANTH_SERVICE_VERSION_NAME CorvanthAnsiConversion_patch 2>&1", "r");
   ASSERT_NE(pipe, nullptr);
+  std::string output(4096, '\0');
   output.resize(std::fread(output.data(), 1, output.size(), pipe));
   EXPECT_EQ(::pclose(pipe), 0);
   EXPECT_EQ(output, "settings file: " + (mHome / "config" / "kestrun.ini").string() +

@@ -13,39 +13,28 @@
 namespace {
 
 std::u16string gToWide(unsigned codePage, std::string const& bytes) {
-  int const units =
-      UL_MultiByteToWideChar(codePage, 0, bytes.data(), int(bytes.size()), nullptr, 0, 0, 0);
+  int const units = UL_MultiByteToWideChar(codePage, 0, bytes.data(), int(bytes.size()), nullptr, 0, 0, 0);
   std::u16string wide(std::size_t(units), u'\0');
-  EXPECT_EQ(UL_MultiByteToWideChar(codePage, 0, bytes.data(), int(bytes.size()), wide.data(), units,
-                                   0, 0),
-            units);
+  EXPECT_EQ(UL_MultiByteToWideChar(codePage, 0, bytes.data(), int(bytes.size()), wide.data(), units, 0, 0), units);
   return wide;
 }
 
 std::string gFromWide(unsigned codePage, std::u16string const& wide) {
-  int const size =
-      UL_WideCharToMultiByte(codePage, 0, wide.data(), int(wide.size()), nullptr, 0, 0, 0);
+  int const size = UL_WideCharToMultiByte(codePage, 0, wide.data(), int(wide.size()), nullptr, 0, 0, 0);
   std::string bytes(std::size_t(size), '\0');
-  EXPECT_EQ(
-      UL_WideCharToMultiByte(codePage, 0, wide.data(), int(wide.size()), bytes.data(), size, 0, 0),
-      size);
+  EXPECT_EQ(UL_WideCharToMultiByte(codePage, 0, wide.data(), int(wide.size()), bytes.data(), size, 0, 0), size);
   return bytes;
 }
 
-std::string gBytes(std::u16string const& wide) {
-  return std::string(reinterpret_cast<char const*>(wide.data()), wide.size() * 2);
-}
+std::string gBytes(std::u16string const& wide) { return std::string(reinterpret_cast<char const*>(wide.data()), wide.size() * 2); }
 
 // What the iconv program makes of `input`, or nothing when it refuses it.
-std::optional<std::string> gIconv(std::string const& from, std::string const& to,
-                                  std::string const& input) {
+std::optional<std::string> gIconv(std::string const& from, std::string const& to, std::string const& input) {
   std::string const path = testing::TempDir() + "uzend_input_" + std::to_string(::getpid());
   std::ofstream(path, std::ios::binary) << input;
-  corvanth::test::cChildProcess iconv({"iconv", "-f", from, "-t", to, path});
-  auto [status, output] = iconv.fFinish(std::chrono::seconds(20));
+  auto [status, output] = corvanth::test::cChildProcess({"iconv", "-f", from, "-t", to, path}).fFinish(std::chrono::seconds(20));
   ::unlink(path.c_str());
-  if (status != 0) return std::nullopt;
-  return output;
+  return status == 0 ? std::optional(output) : std::nullopt;
 }
 
 TEST(Uzend, CountsTerminatorsSizesAndRefusesWhatWin32Refuses) {
@@ -61,18 +50,14 @@ TEST(Uzend, CountsTerminatorsSizesAndRefusesWhatWin32Refuses) {
   EXPECT_EQ(UL_WideCharToMultiByte(65001, 0, u"\u00e9", -1, bytes, 4, 0, 0), 3);
   EXPECT_EQ(std::string(bytes, 3), std::string("\xC3\xA9\0", 3));
 
-  for (unsigned unknown : {0u, 28602u, 12345u}) {
-    EXPECT_EQ(UL_MultiByteToWideChar(unknown, 0, "a", 1, wide, 4, 0, 0), 0);
-    EXPECT_EQ(UL_WideCharToMultiByte(unknown, 0, u"a", 1, bytes, 4, 0, 0), 0);
+  // Refused: an unknown code page, a length of 0 or below -1, a null source or target, a negative size.
+  struct { unsigned codePage; bool source; int length; bool target; int size; } const refused[] = {
+      {0, 1, 1, 1, 4}, {28602, 1, 1, 1, 4}, {12345, 1, 1, 1, 4}, {1252, 1, 0, 1, 4},
+      {1252, 1, -2, 1, 4}, {1252, 0, 1, 1, 4}, {1252, 1, 1, 0, 4}, {1252, 1, 1, 1, -1}};
+  for (auto const& r : refused) {
+    EXPECT_EQ(UL_MultiByteToWideChar(r.codePage, 0, r.source ? "a" : nullptr, r.length, r.target ? wide : nullptr, r.size, 0, 0), 0);
+    EXPECT_EQ(UL_WideCharToMultiByte(r.codePage, 0, r.source ? u"a" : nullptr, r.length, r.target ? bytes : nullptr, r.size, 0, 0), 0);
   }
-  for (int length : {0, -2}) {
-    EXPECT_EQ(UL_MultiByteToWideChar(1252, 0, "a", length, wide, 4, 0, 0), 0);
-    EXPECT_EQ(UL_WideCharToMultiByte(1252, 0, u"a", length, bytes, 4, 0, 0), 0);
-  }
-  EXPECT_EQ(UL_MultiByteToWideChar(1252, 0, nullptr, 1, wide, 4, 0, 0), 0);
-  EXPECT_EQ(UL_WideCharToMultiByte(1252, 0, nullptr, 1, bytes, 4, 0, 0), 0);
-  EXPECT_EQ(UL_MultiByteToWideChar(1252, 0, "a", 1, nullptr, 4, 0, 0), 0);
-  EXPECT_EQ(UL_WideCharToMultiByte(1252, 0, u"a", 1, bytes, -1, 0, 0), 0);
 
   // UTF-8: one U+FFFD per maximal ill-formed part; a character cut at the end is one too.
   EXPECT_EQ(gToWide(65001, "a\xE2\x82z\xED\xA0\x80\xF0\x9F"), u"a\uFFFDz\uFFFD\uFFFD\uFFFD\uFFFD");
