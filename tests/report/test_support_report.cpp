@@ -12,9 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <memory>
-#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -23,6 +21,7 @@
 #include "HostInfo.h"
 #include "LogCapture.h"
 #include "Scm.h"
+#include "ScopedEnv.h"
 #include "SupportInformationGenerator.h"
 
 namespace {
@@ -33,18 +32,13 @@ std::string const kReportRule = "\n" + std::string(79, '=') + "\n";
 std::string const kSectionRule = "\n" + std::string(67, '-') + "\n";
 std::string gHeading(char const* title) { return kReportRule + title + kReportRule + "\n"; }
 
-class cScopedEnv {
- public:
-  cScopedEnv(char const* name, std::optional<std::string> const& value) : mName(name) {
-    if (char const* old = std::getenv(name)) mOld = old;
-    value ? ::setenv(name, value->c_str(), 1) : ::unsetenv(name);
-  }
-  ~cScopedEnv() { mOld ? ::setenv(mName.c_str(), mOld->c_str(), 1) : ::unsetenv(mName.c_str()); }
+using corvanth::test::cScopedEnv;
 
- private:
-  std::string mName;
-  std::optional<std::string> mOld;
-};
+std::string gHost() {
+  char name[256] = {};
+  ::gethostname(name, sizeof name - 1);
+  return name;
+}
 
 std::string gRead(fs::path const& path) {
   std::stringstream text;
@@ -127,9 +121,8 @@ TEST_F(Report, ThisHostGivesFiveSectionsWithItsOwnFiguresAndLeavesNoWorkingFile)
   std::printf("[ report  ] DB and report of this host in %.1f ms, %zu bytes\n", ms, report.size());
 
   EXPECT_TRUE(fWorkingFiles().empty());
-  char host[256] = {};
-  ::gethostname(host, sizeof host - 1);
-  EXPECT_STREQ(db.GetValueOfParameter("$HOSTNAME"), host);
+  std::string const host = gHost();
+  EXPECT_EQ(db.GetValueOfParameter("$HOSTNAME"), host);
   std::size_t at = 0;
   for (std::string const& part :
        {kReportRule + "Complete Report For Host: " + host + "\n" + kReportRule, gHeading("IP Configuration: "),
@@ -182,11 +175,6 @@ TEST_F(Report, ThisHostGivesFiveSectionsWithItsOwnFiguresAndLeavesNoWorkingFile)
 }
 
 TEST_F(Report, FailingCommandsMissingProductFilesAndStaleWorkingFiles) {
-  std::string const host = []() {
-    char name[256] = {};
-    ::gethostname(name, sizeof name - 1);
-    return std::string(name);
-  }();
   {
     SCOPED_TRACE("no ip on PATH, no product files");
     cScopedEnv const path("PATH", (mRoot / "product").string());
@@ -206,7 +194,7 @@ TEST_F(Report, FailingCommandsMissingProductFilesAndStaleWorkingFiles) {
   {
     SCOPED_TRACE("stale working files");
     std::ofstream("IpConfig.txt") << "STALE NETWORK TEXT\n";
-    std::ofstream(host + ".txt") << "STALE SYSTEM TEXT\n";
+    std::ofstream(gHost() + ".txt") << "STALE SYSTEM TEXT\n";
     CAssociativeArray db;
     CSupportInformationGenerator().CreateInformationDB(db);
     std::string const network = db.GetValueOfParameter("$IPCONFIG");
@@ -314,63 +302,51 @@ TEST_F(Report, DrivesBlockHoldsFixedAndRemoteRootsOnly) {
   EXPECT_EQ(gBlock(&cProbe::GetDiskInfo), kSectionRule + "Logical Drives Information:" + kSectionRule);
 }
 
-// A manager with three services, one of which cannot be opened.
+// A manager with four services, one of which cannot be opened. The report
+// keeps the handles and blocks it is given, so the stand-in owns them.
+char gNames[][8] = {"pending", "running", "sealed", "paused"};
+char gShown[][16] = {"Pending Service", "Running Service", "Sealed Service", "Paused Service"};
+struct cTypedHandle : cServiceHandle {
+  explicit cTypedHandle(DWORD start) : start(start) {}
+  DWORD start;
+};
 class cFakeManager : public cServiceManagerWrapper {
  public:
   cFakeManager() : cServiceManagerWrapper(gSystemServiceManager()) {}
   ~cFakeManager() override {
     for (void* block : mBlocks) std::free(block);
   }
-  SC_HANDLE OpenSCManagerA(LPCSTR, LPCSTR, DWORD) override { return fHandle(); }
+  SC_HANDLE OpenSCManagerA(LPCSTR, LPCSTR, DWORD) override { return fHandle(0); }
   BOOL EnumServicesStatusA(SC_HANDLE, DWORD type, DWORD state, LPENUM_SERVICE_STATUSA services, DWORD size,
                            LPDWORD needed, LPDWORD returned, LPDWORD) override {
     EXPECT_EQ(type, SERVICE_WIN32);
     EXPECT_EQ(state, SERVICE_STATE_ALL);
     EXPECT_EQ(size, 147456u);
-    char* text = reinterpret_cast<char*>(services + 4);
-    auto const put = [&](char const* value) {
-      char* const at = text;
-      text = std::strcpy(text, value) + std::strlen(value) + 1;
-      return at;
-    };
     DWORD const states[] = {SERVICE_START_PENDING, SERVICE_RUNNING, SERVICE_RUNNING, SERVICE_PAUSED};
-    char const* const names[] = {"pending", "running", "sealed", "paused"};
-    char const* const shown[] = {"Pending Service", "Running Service", "Sealed Service", "Paused Service"};
-    for (int i = 0; i < 4; ++i) {
-      services[i] = ENUM_SERVICE_STATUSA{put(names[i]), put(shown[i]), SERVICE_STATUS{}};
-      services[i].ServiceStatus.dwCurrentState = states[i];
-    }
+    for (int i = 0; i < 4; ++i) services[i] = {gNames[i], gShown[i], {0, states[i], 0, 0, 0, 0, 0}};
     *needed = 0;
     *returned = 4;
     return TRUE;
   }
   SC_HANDLE OpenServiceA(SC_HANDLE, LPCSTR name, DWORD access) override {
     EXPECT_EQ(access, SERVICE_QUERY_CONFIG);
-    if (std::strcmp(name, "sealed") == 0) return nullptr;
-    SC_HANDLE const handle = fHandle();
-    mStartTypes[handle] = std::strcmp(name, "pending") == 0   ? SERVICE_DEMAND_START
-                          : std::strcmp(name, "running") == 0 ? SERVICE_AUTO_START
-                                                              : SERVICE_DISABLED;
-    return handle;
+    std::string const n = name;
+    if (n == "sealed") return nullptr;
+    return fHandle(n == "pending" ? SERVICE_DEMAND_START : n == "running" ? SERVICE_AUTO_START : SERVICE_DISABLED);
   }
   BOOL QueryServiceConfigA(SC_HANDLE handle, LPQUERY_SERVICE_CONFIGA config, DWORD size, LPDWORD) override {
     EXPECT_EQ(size, 4096u);
-    config->dwStartType = mStartTypes.at(handle);
+    config->dwStartType = static_cast<cTypedHandle*>(handle)->start;
     return TRUE;
   }
   HLOCAL LocalAlloc(UINT flags, SIZE_T bytes) override {
     EXPECT_EQ(flags, LPTR);
-    mBlocks.push_back(std::calloc(1, bytes));
-    return mBlocks.back();
+    return mBlocks.emplace_back(std::calloc(1, bytes));
   }
 
  private:
-  SC_HANDLE fHandle() {
-    mHandles.push_back(std::make_unique<cServiceHandle>());
-    return mHandles.back().get();
-  }
+  SC_HANDLE fHandle(DWORD start) { return mHandles.emplace_back(std::make_unique<cTypedHandle>(start)).get(); }
   std::vector<std::unique_ptr<cServiceHandle>> mHandles;
-  std::map<SC_HANDLE, DWORD> mStartTypes;
   std::vector<void*> mBlocks;
 };
 
@@ -388,34 +364,28 @@ TEST_F(Report, ServicesBlockNamesStatesAndStartTypesAsTheManagerTellsThem) {
 
 TEST_F(Report, ToolWritesTheReportItsDBAndTheReportOfAGivenDB) {
   std::ofstream(mRoot / "product" / "kestrun.ini") << "k=v\n";
-  auto const run = [&](std::string const& arguments, std::string const& out) {
-    int const status = std::system(("cd '" + (mRoot / "cwd").string() + "' && " + CORVANTH_TOOL + " report " +
-                                    arguments + " >'" + out + "' 2>/dev/null")
-                                       .c_str());
+  // Runs in the test's current directory; standard output goes to `out` beside it.
+  auto const run = [&](std::string const& arguments, char const* out = "stdout.txt") {
+    int const status = std::system(("cd '" + (mRoot / "cwd").string() + "' && " CORVANTH_TOOL " report " + arguments +
+                                    " >../" + out + " 2>/dev/null").c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   };
-  std::string const file = (mRoot / "file.txt").string();
-  std::string const stdoutFile = (mRoot / "stdout.txt").string();
-  ASSERT_EQ(run("--out '" + file + "'", stdoutFile), 0);
-  std::string const report = gRead(file);
-  EXPECT_TRUE(gRead(stdoutFile).empty());
-  EXPECT_TRUE(report.ends_with(gHeading("Kestrun Product Information(mxcti.dll): ") + "Not Found" +
-                               gHeading("Kestrun.ini File: ") + "k=v\n"));
+  ASSERT_EQ(run("--out ../file.txt"), 0);
+  EXPECT_EQ(gRead(mRoot / "stdout.txt"), "");
+  EXPECT_TRUE(gRead(mRoot / "file.txt").ends_with(gHeading("Kestrun Product Information(mxcti.dll): ") + "Not Found" +
+                                                 gHeading("Kestrun.ini File: ") + "k=v\n"));
   EXPECT_TRUE(fWorkingFiles().empty());
 
-  std::string const dbFile = (mRoot / "db.txt").string();
-  ASSERT_EQ(run("--db", dbFile), 0);
+  ASSERT_EQ(run("--db", "db.txt"), 0);
   CAssociativeArray db;
-  db.FromStringZ1(gRead(dbFile));
+  db.FromStringZ1(gRead(mRoot / "db.txt"));
   EXPECT_STREQ(db.GetValueOfParameter("$KESTRUNINI"), "k=v\n");
-  ASSERT_EQ(run("--from '" + dbFile + "'", stdoutFile), 0);
+  ASSERT_EQ(run("--from ../db.txt"), 0);
   std::string fromDb;
   ASSERT_TRUE(fReport(db, fromDb));
-  EXPECT_EQ(gRead(stdoutFile), fromDb);
-
-  EXPECT_EQ(run("--db --out x", stdoutFile), 2);
-  EXPECT_EQ(run("--bogus", stdoutFile), 2);
-  EXPECT_EQ(run("--from '" + file + "'", stdoutFile), 1);
+  EXPECT_EQ(gRead(mRoot / "stdout.txt"), fromDb);
+  // Usage errors give 2; a file that holds no DB gives 1.
+  EXPECT_EQ(std::vector<int>({run("--db --out x"), run("--bogus"), run("--from ../file.txt")}), std::vector<int>({2, 2, 1}));
 }
 
 }  // namespace
