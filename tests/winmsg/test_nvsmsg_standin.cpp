@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <tuple>
 
 #include "LogCapture.h"
 
@@ -17,13 +18,8 @@ CORVANTH_EXPORT LRESULT SendMessageTimeoutA(HWND window, UINT message, WPARAM wP
 
 namespace {
 
-struct cSendCall {
-  UINT message = 0;
-  WPARAM wParam = 1;
-  LPARAM lParam = 0;
-  UINT flags = 0;
-  UINT timeout = 0;
-} gLastSend;
+// message, wParam, lParam, flags, time-out
+std::tuple<UINT, WPARAM, LPARAM, UINT, UINT> gLastSend;
 
 }  // namespace
 
@@ -41,11 +37,7 @@ TEST(NvsStandIn, SendWaitsThirtySecondsBlockedAndTakeDrainsToTheCopyData) {
   ASSERT_NE(window, nullptr);
   COPYDATASTRUCT* record = NVSPackData("abc", 3, 1, 2);
   ASSERT_EQ(NVSSendMsg(record, window, 9), 1);
-  EXPECT_EQ(gLastSend.message, WM_COPYDATA);
-  EXPECT_EQ(gLastSend.wParam, 0u);
-  EXPECT_EQ(gLastSend.lParam, reinterpret_cast<LPARAM>(record));
-  EXPECT_EQ(gLastSend.flags, SMTO_BLOCK);
-  EXPECT_EQ(gLastSend.timeout, 30000u);
+  EXPECT_EQ(gLastSend, std::make_tuple(UINT(WM_COPYDATA), WPARAM(0), reinterpret_cast<LPARAM>(record), UINT(SMTO_BLOCK), 30000u));
   NVSFreeData(record);
 
   EXPECT_EQ(NVSPostMsg(0x401, window), 1);
@@ -53,12 +45,10 @@ TEST(NvsStandIn, SendWaitsThirtySecondsBlockedAndTakeDrainsToTheCopyData) {
   NVSSendMsg(nullptr, window, 4);
   COPYDATASTRUCT* first = NVSTakeMsg(window, 0);
   ASSERT_NE(first, nullptr);
-  EXPECT_EQ(first->dwData, 9u);
-  EXPECT_EQ(std::string(NVSGetData(first), first->cbData), std::string("\0\0\0\3\0\1\0\2abc", 11));
+  EXPECT_EQ(std::to_string(first->dwData) + ":" + std::string(NVSGetData(first), first->cbData), std::string("9:\0\0\0\3\0\1\0\2abc", 13));
   COPYDATASTRUCT* second = NVSTakeMsg(window, 0);
   ASSERT_NE(second, nullptr);
-  EXPECT_EQ(second->dwData, 4u);
-  EXPECT_EQ(second->cbData, 0u);
+  EXPECT_TRUE(second->dwData == 4 && second->cbData == 0) << second->dwData << " " << second->cbData;
   EXPECT_EQ(NVSTakeMsg(window, 0), nullptr);
   EXPECT_EQ(NVSTakeMsg(nullptr, 0), nullptr);
   EXPECT_EQ(capture.fAt("NVSMSG", 176).size(), 1u);
