@@ -313,9 +313,7 @@ struct cTypedHandle : cServiceHandle {
 class cFakeManager : public cServiceManagerWrapper {
  public:
   cFakeManager() : cServiceManagerWrapper(gSystemServiceManager()) {}
-  ~cFakeManager() override {
-    for (void* block : mBlocks) std::free(block);
-  }
+  ~cFakeManager() override { for (void* block : mBlocks) std::free(block); }
   SC_HANDLE OpenSCManagerA(LPCSTR, LPCSTR, DWORD) override { return fHandle(0); }
   BOOL EnumServicesStatusA(SC_HANDLE, DWORD type, DWORD state, LPENUM_SERVICE_STATUSA services, DWORD size,
                            LPDWORD needed, LPDWORD returned, LPDWORD) override {

@@ -24,7 +24,7 @@ namespace {
 namespace fs = std::filesystem;
 
 struct cFakeHandle : cServiceHandle {
-  explicit cFakeHandle(char const* kind) : kind(kind) {}
+  explicit cFakeHandle(char const* kind) : kind(kind) {}  // "manager" or "service"
   char const* kind;
 };
 
@@ -171,10 +171,7 @@ class cFakeManager : public cServiceManagerWrapper {
     if (failure == failures.end()) failure = failures.find(name);
     return failure != failures.end() && (mLastError = failure->second, true);
   }
-  template <class T>
-  T fFail(DWORD code, T result) {
-    return mLastError = code, result;
-  }
+  template <class T> T fFail(DWORD code, T result) { return mLastError = code, result; }
   SC_HANDLE fHandle(char const* kind) { return ++liveHandles, new cFakeHandle(kind); }
 
   std::map<std::string, int> mCounts;
