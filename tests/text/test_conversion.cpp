@@ -7,7 +7,6 @@
 #include <fstream>
 #include <functional>
 #include <latch>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -130,7 +129,6 @@ TEST(Conversion, RewritersConvertEveryLeafAndRecomputeLengthsAtAnyDepth) {
     back.FromStringZ1(gMode(mode, form));
     nested.FromStringZTS(back["n"]);
     EXPECT_STREQ(nested["k"], "caf\xc3\xa9");
-    EXPECT_STREQ(back["e"], "");
     EXPECT_EQ(gMode(mode, gMode(mode, form), 65001, 1252), form);
     // The format has no marker: a value that reads as a form is one.
     EXPECT_EQ(gMode(mode, "1 '1 k '1 \xe9 "), "1 '1 k '2 \xc3\xa9 ");
@@ -158,12 +156,10 @@ TEST(Conversion, HostileFormsBecomeLeavesAndTheTraceNamesTheRefusedPart) {
   char const* const texts[] = {"1 '5 ab", "2 '1 a '1 1 ", "1 '1 a '-1 ", "1 '1 k '10 1 '1 a '9", "1 k", "1",
                                "99999999999999999999 ", "2 '1 k '12 1 '1 a '1 b  '"};
   for (char const* text : texts) {
-    std::size_t const size = std::strlen(text) + 1;
-    std::unique_ptr<char[]> const block(new char[size]);
-    std::memcpy(block.get(), text, size);
+    std::vector<char> const block(text, text + std::strlen(text) + 1);
     for (int mode : {1, 2}) {
       RWCString out;
-      EXPECT_TRUE(tArray::gConvertX1(mode, 1252, 65001, block.get(), int(size - 1), out));
+      EXPECT_TRUE(tArray::gConvertX1(mode, 1252, 65001, block.data(), int(block.size() - 1), out));
       EXPECT_EQ(out, text) << mode;
     }
   }
