@@ -252,6 +252,9 @@ std::tuple<nSocket::cHandleOptional, ssl_st*, int> StreamSocket::Accept(
   ssl_st* acceptedSsl = nullptr;
   if (accepted.fIsValid() && sslEnable && accepted.fHolder()->fDescriptor() != 0) {
     InitializeSSL();
+    // A close from another thread must not free the context before the SSL
+    // object holds its own reference to it; the handshake runs unlocked.
+    std::unique_lock<std::mutex> setUp(closing);
     // Each accept makes its own context; the former one stays with the SSL
     // objects made from it.
     serverContext = SSL_CTX_new(TLS_server_method());
@@ -278,6 +281,7 @@ std::tuple<nSocket::cHandleOptional, ssl_st*, int> StreamSocket::Accept(
     }
     SSL* const object = SSL_new(serverContext);
     if (object == nullptr) throw std::runtime_error("Failed to create SSL object");
+    setUp.unlock();
     gReadAhead(object);
     if (SSL_set_fd(object, accepted.fHolder()->fDescriptor()) != 1) {
       SSL_free(object);
