@@ -25,12 +25,11 @@
 #include <vector>
 
 #include "AssociativeArray.h"
+#include "corvanth_forms.h"
 #include "CorvanthAddress.h"
 #include "LintelSocket.h"
 #include "NVSMSG.h"
 #include "netmsg.h"
-#include "rwcollstr.h"
-#include "rwhashdict.h"
 
 namespace nCorvanthTool {
 
@@ -45,10 +44,6 @@ char const* const kUsage =
     "               send one message with these parameters through the window <name>\n"
     "               and wait (at most 30 s) until its owner has taken it; parameters as\n"
     "               for send\n";
-
-struct cUsageError {
-  std::string mText;
-};
 
 long long gNumber(std::string const& text, long long low, long long high, std::string const& what) {
   char* end = nullptr;
@@ -94,128 +89,6 @@ struct cArguments {
     return found == mOptions.end() ? otherwise : gNumber(found->second, low, high, option);
   }
 };
-
-std::string gEscape(std::string_view bytes) {
-  std::string out;
-  for (unsigned char const byte : bytes) {
-    if (byte == '\\') {
-      out += "\\\\";
-    } else if (byte >= 32 && byte < 127) {
-      out += static_cast<char>(byte);
-    } else {
-      char hex[5];
-      std::snprintf(hex, sizeof hex, "\\x%02x", byte);
-      out += hex;
-    }
-  }
-  return out;
-}
-
-std::string gUnescape(std::string_view text) {
-  std::string out;
-  for (std::size_t at = 0; at < text.size(); ++at) {
-    if (text[at] != '\\') {
-      out += text[at];
-      continue;
-    }
-    if (++at == text.size()) throw cUsageError{"a value ends in a lone backslash"};
-    char const kind = text[at];
-    if (kind == 'x') {
-      auto const digit = [&](std::size_t i) {
-        if (i >= text.size() || !std::isxdigit(static_cast<unsigned char>(text[i]))) {
-          throw cUsageError{"\\x needs two hexadecimal digits"};
-        }
-        char const c = static_cast<char>(std::tolower(static_cast<unsigned char>(text[i])));
-        return c <= '9' ? c - '0' : c - 'a' + 10;
-      };
-      out += static_cast<char>(digit(at + 1) * 16 + digit(at + 2));
-      at += 2;
-      continue;
-    }
-    char const* const escapes = "\\\\0\0n\nr\rt\t";
-    std::size_t found = 0;
-    while (found < 10 && escapes[found] != kind) found += 2;
-    if (found >= 10) throw cUsageError{std::string("unknown escape \\") + kind};
-    out += escapes[found + 1];
-  }
-  return out;
-}
-
-// The pieces between commas that stand outside braces.
-std::vector<std::string_view> gSplitCouples(std::string_view text) {
-  std::vector<std::string_view> pieces;
-  int depth = 0;
-  std::size_t start = 0;
-  for (std::size_t at = 0; at < text.size(); ++at) {
-    if (text[at] == '\\') {
-      ++at;
-    } else if (text[at] == '{') {
-      ++depth;
-    } else if (text[at] == '}' && --depth < 0) {
-      throw cUsageError{"a '}' without its '{' in " + std::string(text)};
-    } else if (text[at] == ',' && depth == 0) {
-      pieces.push_back(text.substr(start, at - start));
-      start = at + 1;
-    }
-  }
-  if (depth != 0) throw cUsageError{"a '{' without its '}' in " + std::string(text)};
-  pieces.push_back(text.substr(start));
-  return pieces;
-}
-
-std::string gStringForm(CAssociativeArray const& array) {
-  char const* text = nullptr;
-  int length = 0;
-  array.ToString(text, length, false, false);
-  return std::string(text, static_cast<std::size_t>(length));
-}
-
-void gAddParameter(CAssociativeArray& array, std::string_view argument) {
-  std::size_t const equals = argument.find('=');
-  if (equals == std::string_view::npos || equals == 0) {
-    throw cUsageError{"a parameter is <key>=<value>, not '" + std::string(argument) + "'"};
-  }
-  std::string const key = gUnescape(argument.substr(0, equals));
-  if (key.find('\0') != std::string::npos) throw cUsageError{"a key cannot hold a zero byte"};
-  std::string_view const text = argument.substr(equals + 1);
-  std::string value;
-  if (!text.empty() && text.front() == '{') {
-    if (text.size() < 3 || text.back() != '}') {
-      throw cUsageError{"a nested array {k=v,...} needs a couple and its '}': " + std::string(text)};
-    }
-    CAssociativeArray nested;
-    for (std::string_view couple : gSplitCouples(text.substr(1, text.size() - 2))) {
-      gAddParameter(nested, couple);
-    }
-    value = gStringForm(nested);
-  } else {
-    value = gUnescape(text);
-  }
-  array.AddCouple(key.c_str(), value.data(), static_cast<int>(value.size()));
-}
-
-void gPrintParameters(CAssociativeArray const& array) {
-  std::map<std::string, std::string> couples;  // by key, so that printouts do not depend on order
-  CAssociativeArray view(array);
-  RWHashDictionaryIterator next(view);
-  while (RWCollectable* const key = next()) {
-    auto const* const keyText = dynamic_cast<RWCollectableString const*>(key);
-    auto const* const valueText = dynamic_cast<RWCollectableString const*>(next.value());
-    if (keyText != nullptr) couples[*keyText] = valueText != nullptr ? std::string(*valueText) : "";
-  }
-  for (auto const& [key, value] : couples) {
-    std::printf("    %s (%zu bytes) = %s\n", gEscape(key).c_str(), value.size(),
-                gEscape(value).c_str());
-  }
-}
-
-void gPrintEnvelope(char const* what, cCorvanthMessage const& message) {
-  std::printf(
-      "%s message %u from %s@%s to %s@%s, queue type %d, type %d, subtype %d, %u data bytes\n",
-      what, message.getMessageId(), message.getFromClient(), message.getFromHost(),
-      message.getToClient(), message.getToHost(), static_cast<int>(message.getQtype()),
-      message.getType(), message.getSubtype(), message.getDatalen());
-}
 
 void gPrintReceived(COPYDATASTRUCT const& record) {
   char const* payload = nullptr;
