@@ -463,18 +463,19 @@ TEST(ScmLive, ConfiguratorInstallsRunsReconfiguresAndRemovesTheHostService) {
       << stopped;
   // The host service ends on the manager's SIGTERM by ending its serve: the
   // journal has serve's last line (journald takes queued output before a sync).
+  // The manager's lines and the service's race into the journal: sorted.
   const cRun ended = gInside([] {
     SC_HANDLE manager = OpenSCManagerA(nullptr, nullptr, GENERIC_READ);
     gSayStatus("ended", gSettle(OpenServiceA(manager, "cvservice85", GENERIC_READ)));
     std::fflush(stdout);
     return std::system("journalctl --sync && journalctl -q -o cat -u cvservice85.service | "
-                       "grep -E '^(listening|Stopping|stopped after|cvservice85.service: Deac)'");
+                       "grep -E '^(listening|Stopping|stopped after|cvservice85.service: Deac)' | LC_ALL=C sort");
   });
-  EXPECT_EQ(ended.mOut, "ended: type 16 state 1 accepts 0 exit 0/0\nlistening on 127.0.0.1:" +
-                            std::to_string(gLive.mPort) +
-                            "\nStopping cvservice85.service - Kestrun Corvanth Service 85...\n"
-                            "stopped after 1 answered message(s)\n"
-                            "cvservice85.service: Deactivated successfully.\n");
+  EXPECT_EQ(ended.mOut, "ended: type 16 state 1 accepts 0 exit 0/0\n"
+                        "Stopping cvservice85.service - Kestrun Corvanth Service 85...\n"
+                        "cvservice85.service: Deactivated successfully.\n"
+                        "listening on 127.0.0.1:" + std::to_string(gLive.mPort) + "\n"
+                        "stopped after 1 answered message(s)\n");
   EXPECT_FALSE(gServiceAnswers());
 
   EXPECT_EQ(tool({"service", "start-type", "auto"}), "Changed Service Configuration Successfully\n");
