@@ -472,7 +472,9 @@ SERVICE_STATUS gStatusOf(const cUnitState& state, DWORD serviceType, DWORD* chec
   const bool pending = current == SERVICE_START_PENDING || current == SERVICE_STOP_PENDING;
   DWORD unused = 0;
   DWORD& counter = checkpoint != nullptr ? *checkpoint : unused;
-  if (pending && state.mJob != 0) {
+  // The job can end between the reads of the state and of the job: a pending
+  // state still advances, so a waiter does not take it for a stuck start.
+  if (pending) {
     status.dwCheckPoint = ++counter;
     status.dwWaitHint = kWaitHint;
   } else {
